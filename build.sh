@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# One entry point for people and CI.
+#   ./build.sh demo   install what is missing, build, and run the built-in demo
+#   ./build.sh test   install what is missing, build, and run the whole test suite three times:
+#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden
+#   ./build.sh deps   only install the Debian packages the build needs
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
+          libbenchmark-dev libpng-dev)
+
+install_deps() {
+  local missing=()
+  for package in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing: ${missing[*]}"
+  local sudo=()
+  [ "$(id -u)" -ne 0 ] && sudo=(sudo)
+  "${sudo[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq "${missing[@]}"
+}
+
+build() {
+  cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1"
+}
+
+case "${1:-demo}" in
+  deps)
+    install_deps
+    ;;
+  demo)
+    install_deps
+    build default
+    ./build/default/tools/vidra-mjpeg demo
+    ;;
+  test)
+    install_deps
+    build default
+    echo "== tests =="
+    ctest --preset default
+    echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
+    ctest --preset scalar
+    build asan
+    echo "== tests under AddressSanitizer + UBSan =="
+    ctest --preset asan
+    ;;
+  *)
+    echo "usage: $0 [demo|test|deps]" >&2
+    exit 2
+    ;;
+esac

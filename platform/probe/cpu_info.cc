@@ -1,0 +1,60 @@
+#include "vidra/cpu_info.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#define VIDRA_PROBE_X86 1
+#endif
+
+namespace vidra {
+namespace {
+
+// Applies VIDRA_CPU_MASK; unknown words are ignored.
+void applyMask(bool* ssse3, bool* sse41) {
+  const char* mask = std::getenv("VIDRA_CPU_MASK");
+  if (mask == nullptr) return;
+  std::stringstream words(mask);
+  std::string word;
+  while (std::getline(words, word, ',')) {
+    if (word == "nossse3") {
+      *ssse3 = false;
+    } else if (word == "nosse41" || word == "nosse4.1") {
+      *sse41 = false;
+    } else if (word == "nosimd") {
+      *ssse3 = false;
+      *sse41 = false;
+    }
+  }
+}
+
+}  // namespace
+
+CPUInfo::CPUInfo() {
+#if defined(VIDRA_PROBE_X86)
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (__get_cpuid(1, &eax, &ebx, &ecx, &edx)) {
+    ssse3_ = (ecx & bit_SSSE3) != 0;
+    sse41_ = (ecx & bit_SSE4_1) != 0;
+  }
+  unsigned max_extended = __get_cpuid_max(0x80000000u, nullptr);
+  if (max_extended >= 0x80000004u) {
+    char text[49] = {};
+    for (unsigned leaf = 0; leaf < 3; ++leaf) {
+      unsigned regs[4] = {};
+      __get_cpuid(0x80000002u + leaf, &regs[0], &regs[1], &regs[2], &regs[3]);
+      std::memcpy(text + leaf * 16, regs, sizeof(regs));
+    }
+    brand_ = text;
+    const size_t first = brand_.find_first_not_of(' ');
+    brand_ = first == std::string::npos ? std::string() : brand_.substr(first);
+  }
+#endif
+  applyMask(&ssse3_, &sse41_);
+}
+
+CPUInfo::~CPUInfo() = default;
+
+}  // namespace vidra

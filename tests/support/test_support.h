@@ -1,0 +1,73 @@
+// Helpers shared by the tests: corpus access, captured log lines, frame encoding.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vidra/log.h"
+
+namespace vidra {
+namespace test {
+
+// The folder of real test frames, or "" when it is absent.
+std::string corpusDir();
+// Sorted paths of the *.jpg files in corpusDir()/`folder`; empty when the folder is absent.
+std::vector<std::string> corpusFiles(const std::string& folder);
+// Skips the current test with a message when `folder` of the corpus has no frames.
+#define VIDRA_REQUIRE_CORPUS(files, folder)                                              \
+  do {                                                                                   \
+    if ((files).empty()) GTEST_SKIP() << "corpus folder " << (folder) << " not found"; \
+  } while (0)
+
+std::vector<uint8_t> readFile(const std::string& path);
+
+struct LogLine {
+  int level;
+  std::string channel;
+  std::string text;
+};
+
+// Captures every emitted log line while it lives, with the given channel levels enabled, and
+// restores the stderr sink and the default levels afterwards.
+class LogCapture {
+ public:
+  explicit LogCapture(int mjpeg_level = 2, int check_level = 1);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  const std::vector<LogLine>& lines() const { return lines_; }
+  // Texts of the lines at `level` on `channel`.
+  std::vector<std::string> texts(int level, const std::string& channel) const;
+  // True if some line on `channel` contains `fragment`.
+  bool contains(const std::string& channel, const std::string& fragment) const;
+  // The check texts of "<line>: JPEG assertion failed <text>" lines, in order.
+  std::vector<std::string> jpegChecks() const;
+  void clear() { lines_.clear(); }
+
+ private:
+  static void sink(void* user, int level, const char* channel, const char* file, int line,
+                   const char* text);
+  std::vector<LogLine> lines_;
+};
+
+// Three planes in I420 layout with their own strides, filled with a pattern so that tests can
+// see which bytes a decoder wrote.
+struct Planes {
+  Planes(int width, int height, int y_stride = 0, int uv_stride = 0, uint8_t fill = 0xA5);
+  int width, height, y_stride, uv_stride;
+  std::vector<uint8_t> y, u, v;
+};
+
+// A frame encoded by TurboJPEG from a deterministic textured picture.
+// `subsampling` is a TJSAMP_* value; `restart_rows` > 0 adds a restart interval of that many
+// MCU rows.
+std::vector<uint8_t> encodeTestFrame(int width, int height, int subsampling, int quality = 90,
+                                     int restart_rows = 0, unsigned seed = 1);
+
+// Removes every DHT segment in front of the first SOS marker.
+std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame);
+
+}  // namespace test
+}  // namespace vidra

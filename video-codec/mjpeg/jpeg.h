@@ -1,0 +1,115 @@
+// SimpleJPEGDecoder: the library's own decoder for one baseline JPEG frame.
+//
+// One object decodes one frame: the marker loop reads the header segments, the scan header
+// builds the block list of one MCU, the entropy driver feeds restart spans to the MCU kernel,
+// damaged spans are concealed from their vertical neighbours, and the planes are brought into
+// the caller's 4:2:0 planes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "jpeg_buffer.h"
+#include "mcu_kernel.h"
+#include "vidra/mjpeg.h"
+
+namespace vidra {
+namespace jpeg {
+
+constexpr int kMaxComponents = 16;
+
+// One component slot of the frame header, indexed by the component id itself.
+struct Component {
+  int32_t component_id_ = -1;  // negative: no frame header named this slot
+  int32_t h1_ = 0;             // horizontal sampling factor
+  int32_t v1_ = 0;             // vertical sampling factor
+  int32_t tq_ = 0;             // quantisation table selector, checked by the scan header
+};
+
+struct Header {
+  int32_t width_ = -1;
+  int32_t height_ = -1;
+  int32_t precision_ = -1;
+  Component components_[kMaxComponents];
+};
+
+// The decoder's plane of one component: whole MCUs wide and high.
+struct Channel {
+  uint8_t* image_ = nullptr;  // owned, new[] / delete[]
+  int32_t stride_ = 0;        // bytes per row, also the plane's width
+  int32_t height_ = 0;        // rows
+  int32_t mcu_width_ = 0;     // samples across one MCU
+  int32_t mcu_row_size_ = 0;  // bytes of one row of MCUs
+};
+
+struct QuantizationTable {
+  bool valid_ = false;
+  // Entries 0..63: the AAN-scaled steps by zigzag position. 64..127: zero, so that a
+  // coefficient that runs past the end of a block is multiplied by 0.
+  alignas(16) int16_t values_[128] = {};
+};
+
+// One code of a Huffman table.
+struct HuffmanCode {
+  uint32_t symbol;
+  int32_t bits;  // 1..16; -1 in the end record
+  uint32_t code;
+};
+
+class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
+ public:
+  // A frame is good when more than this share of its MCUs decoded cleanly.
+  static const float kMinValidMCUs;
+
+  using MCUBlock = ::MCUBlock;
+
+  // A two-level Huffman lookup table of 32-bit entries (AC or DC).
+  class ACHuffmanTable {
+   public:
+    void buildTable(bool is_ac, const std::vector<HuffmanCode>& codes, unsigned long first,
+                    unsigned long last, int table_offset, int prefix_bits, int index_bits);
+    bool isInitialized() const { return !entries_.empty(); }
+
+    std::vector<uint32_t> entries_;
+  };
+
+  SimpleJPEGDecoder();
+  ~SimpleJPEGDecoder();
+  SimpleJPEGDecoder(const SimpleJPEGDecoder&) = delete;
+  SimpleJPEGDecoder& operator=(const SimpleJPEGDecoder&) = delete;
+
+  bool decompress(const uint8_t* data, size_t size, int width, int height, bool insert_dht,
+                  uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v, int v_stride);
+
+  bool parseAndIgnoreMarker(JPEGBuffer* input);
+  bool parseSOF0(JPEGBuffer* input);
+  void allocateImages();
+  bool parseDQT(JPEGBuffer* input);
+  bool parseDRI(JPEGBuffer* input);
+  bool parseSOS(JPEGBuffer* input);
+  bool parseDHT(JPEGBuffer* input);
+  bool decodeEntropyData(const uint8_t* data, size_t length, size_t* consumed_length);
+  void fixBadMCUs();
+  void fixMCURange(int mcu_x, int first_row, int last_row);
+  bool outputResults(int width, int height, uint8_t* y, int y_stride, uint8_t* u, int u_stride,
+                     uint8_t* v, int v_stride);
+
+  // The decoder's state is public so that tests can look at every stage.
+  Header header_;
+  QuantizationTable quantization_tables_[4];
+  ACHuffmanTable* dc_huffman_tables_[4];
+  ACHuffmanTable* ac_huffman_tables_[4];
+  int32_t restart_interval_ = -1;
+  int32_t mcus_x_ = 0;
+  int32_t mcus_y_ = 0;
+  int32_t total_mcus_ = 0;
+  Channel channels_[kMaxComponents];
+  std::vector<MCUBlock> mcu_blocks_;
+  bool dht_seen_ = false;
+  std::vector<uint8_t> bad_mcus_;
+  int32_t valid_mcus_ = 0;
+};
+
+}  // namespace jpeg
+}  // namespace vidra

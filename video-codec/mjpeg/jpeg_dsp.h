@@ -1,0 +1,64 @@
+// Per-processor function table of the decoder's sample loops.
+//
+// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as a vector form for
+// SSSE3 + SSE4.1 (suffix _sse41) that gives the same bytes. The table that the library uses
+// is filled once from g_cpu_info_: the scalar forms first, then initDSPx86() replaces what the
+// processor allows and returns early when it allows nothing. The test harness builds both
+// tables and compares each vector form with its scalar twin.
+#pragma once
+
+#include <cstdint>
+
+#include "vidra/cpu_info.h"
+
+namespace vidra {
+namespace jpeg {
+
+// adaptStrides-style plane operation: (src, src_stride, dst, dst_stride, width, height).
+using PlaneFn = void (*)(const uint8_t*, int, uint8_t*, int, int, int);
+
+// interpolateRange for w == 16: (dest, h, stride, top, bottom); h >= 2.
+using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8_t*);
+
+// Reconstruction of one block: (coefficients in natural order, position_mask, last_position,
+// dest, stride). Writes 8 rows of 8 samples.
+using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
+
+struct DSPFunctions {
+  PlaneFn resample444To420;
+  PlaneFn resample422To420;
+  Interpolate16Fn interpolateRange16;
+  ReconstructFn reconstructBlock;
+};
+
+// Fills `dsp` with the scalar forms.
+void initDSPScalar(DSPFunctions* dsp);
+// Replaces entries by vector forms where `cpu` allows them.
+void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu);
+// The table for this process, from g_cpu_info_.
+const DSPFunctions& dsp();
+
+// Scalar forms.
+void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                        int width, int height);
+void resample422To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                        int width, int height);
+void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
+                          const uint8_t* bottom);
+void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask,
+                        uint8_t last_position, uint8_t* dest, int stride);
+
+#if defined(__x86_64__)
+// Vector forms, compiled with -mssse3 -msse4.1; call only where initDSPx86() allows them.
+void resample444To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                            int width, int height);
+void resample422To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                            int width, int height);
+void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* top,
+                              const uint8_t* bottom);
+void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
+                            uint8_t last_position, uint8_t* dest, int stride);
+#endif
+
+}  // namespace jpeg
+}  // namespace vidra
