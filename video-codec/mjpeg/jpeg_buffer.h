@@ -12,7 +12,7 @@ namespace jpeg {
 
 // Every read stops at the end of the range and reports a shortage as its result; a failed read
 // leaves the buffer usable. The buffer never logs, throws or allocates.
-class VIDRA_MJPEG_EXPORT JPEGBuffer {
+class JPEGBuffer {
  public:
   JPEGBuffer(const uint8_t* data, size_t length) : data_(data), length_(length), position_(0) {}
 

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# The shared library exports exactly its public interface: the entry points, the plane
+# functions, the globals, the default DHT segment, the MCU kernel and the public operations of
+# the two decoder classes. Anything else that leaks out fails this test.
+set -euo pipefail
+library="$1"
+exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDRBVW]$/ {print $3}' | c++filt | sort -u)
+
+allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|decode_mcu_span_sse2_64|_init|_fini|_edata|_end|__bss_start)$'
+required=(
+  'vidra::jpeg::decompressMJPEG('
+  'vidra::jpeg::getJPEGImageSize('
+  'vidra::jpeg::setForceJPEGTurboDecoder('
+  'vidra::jpeg::adaptStrides('
+  'vidra::jpeg::resample444To420('
+  'vidra::jpeg::resample422To420('
+  'vidra::jpeg::interpolateRange('
+  'vidra::jpeg::g_force_use_jt_decoder'
+  'vidra::jpeg::g_cpu_info_'
+  'vidra::jpeg::kMJPGDHTSeg'
+  'vidra::jpeg::SimpleJPEGDecoder::kMinValidMCUs'
+  'vidra::jpeg::SimpleJPEGDecoder::decompress('
+  'vidra::jpeg::JTDecoder::decompress('
+  'decode_mcu_span_sse2_64'
+)
+
+status=0
+unexpected=$(grep -v -E "$allowed" <<<"$exported" || true)
+if [ -n "$unexpected" ]; then
+  echo "unexpected exports:"; echo "$unexpected"; status=1
+fi
+for name in "${required[@]}"; do
+  if ! grep -q -F "$name" <<<"$exported"; then echo "missing export: $name"; status=1; fi
+done
+[ $status -eq 0 ] && echo "exports ok ($(wc -l <<<"$exported") symbols)"
+exit $status
