@@ -39,15 +39,37 @@ inline const Tables& tables() {
   return t;
 }
 
-#define CHECKASM_REQUIRE_VECTOR()                                                   \
-  do {                                                                              \
-    if (!::vidra::checkasm::tables().vector_available)                              \
+#define CHECKASM_REQUIRE_VECTOR()                                                  \
+  do {                                                                             \
+    if (!::vidra::checkasm::tables().vector_available)                             \
       GTEST_SKIP() << "no vector forms on this processor (or hidden by the mask)"; \
   } while (0)
 
-// Deterministic random source, seeded per test so that failures reproduce.
+// Deterministic random source, seeded per test so that failures reproduce: the first call in
+// each test reseeds it from the test's full name, so a test's inputs don't depend on which
+// tests ran before it (--gtest_filter, shuffling). VIDRA_CHECKASM_SEED=<n> gives other inputs.
+inline uint32_t baseSeed() {
+  const char* value = std::getenv("VIDRA_CHECKASM_SEED");
+  return value != nullptr ? static_cast<uint32_t>(std::strtoul(value, nullptr, 0)) : 20261122u;
+}
+
 inline std::mt19937& rng() {
-  static std::mt19937 generator(20261122u);
+  static std::mt19937 generator;
+  static bool seeded = false;
+  static const ::testing::TestInfo* seeded_for = nullptr;
+  const ::testing::TestInfo* current = ::testing::UnitTest::GetInstance()->current_test_info();
+  if (!seeded || current != seeded_for) {
+    seeded = true;
+    seeded_for = current;
+    uint32_t seed = baseSeed();
+    if (current != nullptr) {
+      // FNV-1a over "Suite.Name".
+      for (const char* text : {current->test_suite_name(), ".", current->name()}) {
+        for (; *text != '\0'; ++text) seed = (seed ^ static_cast<uint8_t>(*text)) * 16777619u;
+      }
+    }
+    generator.seed(seed);
+  }
   return generator;
 }
 
@@ -56,6 +78,56 @@ inline std::vector<uint8_t> randomBytes(size_t n) {
   std::uniform_int_distribution<int> byte(0, 255);
   for (uint8_t& b : bytes) b = static_cast<uint8_t>(byte(rng()));
   return bytes;
+}
+
+// A source plane of `rows` rows `stride` bytes apart whose allocation ends right behind the
+// `width` bytes of its last row, so that a read past the area the routine may read runs off
+// the heap block (AddressSanitizer reports it). Random contents.
+inline std::vector<uint8_t> tightPlane(int width, int rows, int stride) {
+  if (rows <= 0) return {};
+  return randomBytes(static_cast<size_t>(rows - 1) * stride + width);
+}
+
+// A destination plane of `rows` rows of `width` bytes, `stride` bytes apart, with `guard` bytes
+// in front and behind. Everything starts out as a fixed pattern; untouchedOutside() checks
+// that the bytes outside the rows (guards and stride gaps) still hold it.
+struct GuardedPlane {
+  GuardedPlane(int width, int rows, int stride, int guard = 64)
+      : width(width),
+        rows(rows),
+        stride(stride),
+        guard(guard),
+        bytes(2 * static_cast<size_t>(guard) + static_cast<size_t>(rows) * stride) {
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = pattern(i);
+  }
+  uint8_t* data() { return bytes.data() + guard; }
+  static uint8_t pattern(size_t i) { return static_cast<uint8_t>(0x5A ^ (i * 7)); }
+  bool inside(size_t i) const {
+    if (i < static_cast<size_t>(guard)) return false;
+    const size_t offset = i - guard;
+    return offset / stride < static_cast<size_t>(rows) &&
+           offset % stride < static_cast<size_t>(width);
+  }
+  // Returns the index of the first changed byte outside the rows, or -1.
+  long firstChangeOutside() const {
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      if (!inside(i) && bytes[i] != pattern(i)) return static_cast<long>(i);
+    }
+    return -1;
+  }
+  bool untouchedOutside() const { return firstChangeOutside() < 0; }
+
+  int width, rows, stride, guard;
+  std::vector<uint8_t> bytes;
+};
+
+// Index of the first byte where `a` and `b` differ, or -1 when they are equal (sizes too).
+inline long firstDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+  const size_t n = a.size() < b.size() ? a.size() : b.size();
+  for (size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return static_cast<long>(i);
+  }
+  return a.size() == b.size() ? -1 : static_cast<long>(n);
 }
 
 inline bool benchRequested() {
