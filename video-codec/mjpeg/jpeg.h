@@ -19,6 +19,10 @@ namespace jpeg {
 
 constexpr int kMaxComponents = 16;
 
+// The scale factors of the AAN inverse DCT in 14-bit fixed point, natural (row-major) order:
+// round(2^14 * s(r) * s(c)) with s(0) = 1 and s(k) = sqrt(2) * cos(k * pi / 16).
+extern const int32_t kAANScales[64];
+
 // One component slot of the frame header, indexed by the component id itself.
 struct Component {
   int32_t component_id_ = -1;  // negative: no frame header named this slot

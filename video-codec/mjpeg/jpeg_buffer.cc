@@ -1,3 +1,5 @@
+// JPEGBuffer: bounded big-endian reader over a byte range.
+
 #include "jpeg_buffer.h"
 
 namespace vidra {

@@ -22,11 +22,13 @@ class JPEGBuffer {
   bool getLength16(uint16_t* len);
   const void* getData(size_t n);
   size_t getRemainingBytes() const { return length_ - position_; }
+  // Offset of the next byte to read from the start of the range.
+  size_t position() const { return position_; }
 
  private:
   const uint8_t* data_;
   size_t length_;
-  size_t position_;                   // invariant: position_ <= length_
+  size_t position_;                    // invariant: position_ <= length_
   std::shared_ptr<const void> owner_;  // holder of the bytes; empty in this library
 };
 
