@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
-          libbenchmark-dev libpng-dev)
+          libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev)
 
 install_deps() {
   local missing=()

@@ -1,0 +1,100 @@
+// Frame sources: a single JPEG file, a raw MJPEG stream (frames back to back, as
+// `ffmpeg -f mjpeg` and many cameras write them), or the MJPEG track of a container that
+// FFmpeg's libavformat reads (AVI, MKV, MOV, ...).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vidra {
+namespace tool {
+
+// One frame as it was found in the input.
+struct SplitFrame {
+  size_t offset = 0;       // byte offset of its SOI marker
+  size_t size = 0;         // bytes, up to and including EOI when there is one
+  size_t junk_before = 0;  // bytes skipped between the previous frame (or the start) and SOI
+  bool cut_short = false;  // no EOI: the input ended, or the next frame began, inside it
+};
+
+// Cuts a byte range into JPEG frames. A frame starts at SOI (FF D8 FF); its header segments
+// are stepped over by their lengths (so thumbnails inside APPn don't split it), and its
+// entropy data ends at EOI, or at the SOI of the next frame when EOI went missing, or at the
+// end of the input. Bytes between frames are skipped and counted.
+class MJPEGSplitter {
+ public:
+  MJPEGSplitter(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+  // The next frame; false when no further SOI follows.
+  bool next(SplitFrame* frame);
+  // Bytes consumed so far.
+  size_t position() const { return pos_; }
+  // Bytes after the last frame that held no further SOI (known once next() returned false).
+  size_t trailingJunk() const { return trailing_junk_; }
+
+ private:
+  size_t findSOI(size_t from) const;
+  // End of the frame whose entropy data starts at `pos`; sets `cut_short`.
+  size_t scanEntropy(size_t pos, bool* cut_short) const;
+
+  const uint8_t* data_;
+  size_t size_;
+  size_t pos_ = 0;
+  size_t trailing_junk_ = 0;
+};
+
+// A frame handed out by FrameReader. `data` stays valid until the next call of next().
+struct Frame {
+  const uint8_t* data = nullptr;
+  size_t size = 0;
+  int64_t index = 0;         // 0-based position in the input
+  int64_t byte_offset = -1;  // where the frame starts in the file, -1 when unknown
+  double time_seconds = -1;  // presentation time from the container, -1 when unknown
+  size_t junk_before = 0;    // raw streams: bytes skipped in front of this frame
+  bool cut_short = false;    // raw streams: no EOI
+};
+
+// Reads the frames of one input. Throws ToolError (kExitUsage) when the input can't be opened
+// or holds nothing this tool can decode, with a message that names the path.
+class FrameReader {
+ public:
+  virtual ~FrameReader() = default;
+
+  // `path` "-" reads standard input (raw streams and single JPEGs only).
+  static std::unique_ptr<FrameReader> open(const std::string& path);
+
+  // The next frame; false at the end of the input. Throws ToolError when reading fails.
+  virtual bool next(Frame* frame) = 0;
+  // "JPEG file", "raw MJPEG stream", "AVI file (MJPEG track #0)", ...
+  virtual std::string kind() const = 0;
+  // Share of the input consumed, 0..1 (for the progress bar).
+  virtual double progress() const = 0;
+  // Frame rate from the container; false when it doesn't say.
+  virtual bool frameRate(int* num, int* den) const {
+    (void)num;
+    (void)den;
+    return false;
+  }
+  // Junk bytes after the last frame (raw streams).
+  virtual size_t trailingJunk() const { return 0; }
+  // Where in the input a frame is, for messages: "byte 1234" or "0.400 s".
+  static std::string where(const Frame& frame);
+
+  const std::string& path() const { return path_; }
+
+ protected:
+  std::string path_;
+};
+
+// Reads a whole file into memory; throws ToolError naming the path on failure.
+std::vector<uint8_t> readWholeFile(const std::string& path);
+
+// Sets FFmpeg's own logging to quiet (the tool reports errors itself) or, with `verbose`, to
+// errors.
+void setFFmpegLogging(bool verbose);
+
+}  // namespace tool
+}  // namespace vidra

@@ -1,0 +1,36 @@
+#include "library_log.h"
+
+#include <cstdio>
+
+#include "vidra/log.h"
+
+namespace vidra {
+namespace tool {
+
+LibraryLog::LibraryLog() { setLogSink(&LibraryLog::sink, this); }
+
+LibraryLog::~LibraryLog() { setLogSink(nullptr, nullptr); }
+
+std::vector<std::string> LibraryLog::take() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> lines;
+  lines.swap(lines_);
+  return lines;
+}
+
+void LibraryLog::silenceFrameReasons() { setLoggerLevel("mjpeg", 0); }
+
+void LibraryLog::sink(void* user, int level, const char* channel, const char*, int,
+                      const char* text) {
+  if (level <= 1) {
+    std::fprintf(stderr, "vidra-mjpeg: library check failed (%s): %s\n", channel, text);
+    return;
+  }
+  auto* log = static_cast<LibraryLog*>(user);
+  std::lock_guard<std::mutex> lock(log->mutex_);
+  // A pathological frame can't make the tool hoard lines: keep the first few per frame.
+  if (log->lines_.size() < 16) log->lines_.push_back(text);
+}
+
+}  // namespace tool
+}  // namespace vidra

@@ -1,0 +1,95 @@
+#include "y4m.h"
+
+#include <cctype>
+#include <cerrno>
+
+#include "cli.h"
+
+namespace vidra {
+namespace tool {
+
+namespace {
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+  if (text.size() < suffix.size()) return false;
+  for (size_t i = 0; i < suffix.size(); ++i) {
+    const char c = text[text.size() - suffix.size() + i];
+    if (std::tolower(static_cast<unsigned char>(c)) != suffix[i]) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+VideoWriter::Format VideoWriter::formatFor(const std::string& path) {
+  if (path == "-" || endsWith(path, ".y4m")) return Format::kY4M;
+  if (endsWith(path, ".yuv") || endsWith(path, ".i420")) return Format::kRawI420;
+  throw UsageError("can't tell the output format from '" + path +
+                   "': name it *.y4m (YUV4MPEG2) or *.yuv (raw I420), or '-' for Y4M on "
+                   "standard output");
+}
+
+std::string VideoWriter::y4mHeader(int width, int height, int fps_num, int fps_den) {
+  // C420jpeg: 4:2:0 with chroma sited between the luma samples, as JPEG has it (XYSCSS is the
+  // same for older readers). JPEG samples use the full 0..255 range.
+  return "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F" +
+         std::to_string(fps_num) + ":" + std::to_string(fps_den) +
+         " Ip A1:1 C420jpeg XYSCSS=420JPEG XCOLORRANGE=FULL";
+}
+
+VideoWriter::VideoWriter(const std::string& path, int fps_num, int fps_den)
+    : path_(path), format_(formatFor(path)), fps_num_(fps_num), fps_den_(fps_den) {
+  if (path == "-") {
+    file_ = stdout;
+    path_ = "standard output";
+  } else {
+    file_ = std::fopen(path.c_str(), "wb");
+    if (file_ == nullptr) throw ioError(path, "cannot create", errno);
+    owns_file_ = true;
+  }
+}
+
+VideoWriter::~VideoWriter() {
+  try {
+    close();
+  } catch (const ToolError&) {
+  }
+}
+
+void VideoWriter::put(const void* data, size_t size) {
+  if (size != 0 && std::fwrite(data, 1, size, file_) != size) {
+    throw ioError(path_, "write failed", errno);
+  }
+}
+
+bool VideoWriter::write(const I420Image& image) {
+  if (frames_ == 0) {
+    width_ = image.width;
+    height_ = image.height;
+    if (format_ == Format::kY4M) {
+      const std::string header = y4mHeader(width_, height_, fps_num_, fps_den_) + "\n";
+      put(header.data(), header.size());
+    }
+  } else if (image.width != width_ || image.height != height_) {
+    return false;
+  }
+  if (format_ == Format::kY4M) put("FRAME\n", 6);
+  put(image.y.data(), image.y.size());
+  put(image.u.data(), image.u.size());
+  put(image.v.data(), image.v.size());
+  ++frames_;
+  return true;
+}
+
+void VideoWriter::close() {
+  if (file_ == nullptr) return;
+  FILE* file = file_;
+  file_ = nullptr;
+  const bool flushed = std::fflush(file) == 0 && !std::ferror(file);
+  const int error = errno;
+  const bool closed = !owns_file_ || std::fclose(file) == 0;
+  if (!flushed || !closed) throw ioError(path_, "write failed", flushed ? errno : error);
+}
+
+}  // namespace tool
+}  // namespace vidra

@@ -1,0 +1,60 @@
+// Writers for decoded frames: YUV4MPEG2 (.y4m, which ffplay, mpv and FFmpeg read) and raw I420
+// (.yuv, planes back to back).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "image.h"
+
+namespace vidra {
+namespace tool {
+
+class VideoWriter {
+ public:
+  enum class Format { kY4M, kRawI420 };
+
+  // Picks the format from the file name: .y4m, .yuv (also .i420), and "-" for Y4M on
+  // standard output. Throws UsageError for any other name.
+  static Format formatFor(const std::string& path);
+
+  // Creates the file at once, so that an unwritable path fails before any decoding. Throws
+  // ToolError naming the path.
+  VideoWriter(const std::string& path, int fps_num, int fps_den);
+  ~VideoWriter();
+  VideoWriter(const VideoWriter&) = delete;
+  VideoWriter& operator=(const VideoWriter&) = delete;
+
+  // Appends one frame. The first frame fixes the size (the Y4M header is written then);
+  // returns false, writing nothing, for a frame of another size. Throws ToolError when the
+  // write fails.
+  bool write(const I420Image& image);
+  // Flushes and closes; throws ToolError when that fails. Called by the destructor otherwise
+  // (which then swallows errors).
+  void close();
+
+  int64_t frames() const { return frames_; }
+  int width() const { return width_; }
+  int height() const { return height_; }
+  Format format() const { return format_; }
+  const std::string& path() const { return path_; }
+
+  // The stream header line, without the newline: "YUV4MPEG2 W640 H480 F30:1 Ip A1:1 C420jpeg
+  // XYSCSS=420JPEG XCOLORRANGE=FULL". Exposed for tests.
+  static std::string y4mHeader(int width, int height, int fps_num, int fps_den);
+
+ private:
+  void put(const void* data, size_t size);
+
+  std::string path_;
+  Format format_;
+  FILE* file_ = nullptr;
+  bool owns_file_ = false;
+  int fps_num_, fps_den_;
+  int width_ = 0, height_ = 0;
+  int64_t frames_ = 0;
+};
+
+}  // namespace tool
+}  // namespace vidra
