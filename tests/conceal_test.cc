@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "jpeg.h"
@@ -20,200 +21,97 @@ using test::LogCapture;
 
 // ---- interpolateRange -----------------------------------------------------------------------
 
-// A rectangle of `h` rows of `stride` bytes, filled with a marker value so that the test sees
-// which bytes were written.
-struct Target {
-  static constexpr uint8_t kUntouched = 0xA5;
-  Target(int rows, int row_stride)
-      : h(rows),
-        stride(row_stride),
-        bytes(static_cast<size_t>(std::max(rows, 1)) * row_stride, kUntouched) {}
-  uint8_t at(int x, int y) const { return bytes[static_cast<size_t>(y) * stride + x]; }
-  int h, stride;
-  std::vector<uint8_t> bytes;
-};
+constexpr uint8_t kUntouched = 0xA5;
+constexpr int kStride = 20;  // wider than 16, so that bytes right of the rectangle show
+// Widths of the scalar path (below 16) and of the dispatched one (16).
+const int kWidths[] = {1, 8, 15, 16};
+
+// interpolateRange() on at least 8 rows of kStride bytes that start out as kUntouched.
+std::vector<uint8_t> interpolate(int w, int h, const std::vector<uint8_t>& top,
+                                 const std::vector<uint8_t>& bottom) {
+  std::vector<uint8_t> out(static_cast<size_t>(std::max(h, 8)) * kStride, kUntouched);
+  interpolateRange(out.data(), w, h, kStride, top.data(), bottom.data());
+  return out;
+}
 
 std::vector<uint8_t> row16(uint8_t value) { return std::vector<uint8_t>(16, value); }
 
-// Both the scalar path (w below 16) and the dispatched one (w == 16).
-const int kWidths[] = {1, 8, 15, 16};
-
-TEST(InterpolateRange, BlendsUpwardsAndDownwardsAndStopsShortOfBottom) {
+// Rows from row `first` on. h = 8 stops short of `bottom`. Differences of one: the shift rounds
+// halves upwards, also for negative differences, so +1 turns at weight 128 and -1 only above
+// it; h = 3 has the weights 0, 128, 256, and h = 129 has 126, 128, 130 at rows 63, 64, 65.
+// h = 1 would divide by zero: its one row has weight 0, and the row below stays untouched.
+TEST(InterpolateRange, LiteralRows) {
   struct Case {
-    uint8_t top, bottom;
+    int h, top, bottom, first;
     std::vector<int> rows;
   };
-  const Case cases[] = {
-      {100, 200, {100, 114, 128, 142, 156, 170, 184, 198}},
-      {200, 100, {200, 186, 172, 158, 144, 130, 116, 102}},
-  };
+  const Case cases[] = {{8, 100, 200, 0, {100, 114, 128, 142, 156, 170, 184, 198}},
+                        {8, 200, 100, 0, {200, 186, 172, 158, 144, 130, 116, 102}},
+                        {3, 50, 51, 0, {50, 51, 51}},
+                        {3, 51, 50, 0, {51, 51, 50}},
+                        {129, 50, 51, 63, {50, 51, 51}},
+                        {129, 51, 50, 63, {51, 51, 50}},
+                        {1, 30, 90, 0, {30, 0xA5}}};
   for (const Case& c : cases) {
     for (int w : kWidths) {
-      Target t(8, 20);
-      interpolateRange(t.bytes.data(), w, 8, t.stride, row16(c.top).data(), row16(c.bottom).data());
-      for (int y = 0; y < 8; ++y) {
-        for (int x = 0; x < w; ++x) {
-          ASSERT_EQ(t.at(x, y), c.rows[y]) << "top " << int(c.top) << " w " << w << " row " << y;
-        }
-        // Nothing right of the rectangle, up to the stride.
-        for (int x = w; x < t.stride; ++x) ASSERT_EQ(t.at(x, y), Target::kUntouched);
+      const std::vector<uint8_t> out = interpolate(w, c.h, row16(c.top), row16(c.bottom));
+      for (int i = 0; i < static_cast<int>(c.rows.size()) * kStride; ++i) {
+        ASSERT_EQ(out[c.first * kStride + i], i % kStride < w ? c.rows[i / kStride] : kUntouched)
+            << c.top << "->" << c.bottom << " h " << c.h << " w " << w << " row "
+            << c.first + i / kStride << " column " << i % kStride;
       }
     }
   }
 }
 
-// The step is 256 / (h - 1), truncated, and the weight of row y is y * step. A difference of
-// +255 in one column and -255 in the next shows every weight from 0 to 256 distinctly.
+// Row y has the weight y * step, step = 256 / (h - 1) truncated. Every column has its own
+// references, column 0 going from 0 to 255 and column 1 from 254 to 1.
 TEST(InterpolateRange, StepAndLastWeightFollowTheHeight) {
   struct Case {
     int h, step, last_weight;
   };
+  // h = 272 (17 luma MCUs): step 0, every row repeats `top`.
   const Case cases[] = {{2, 256, 256}, {8, 36, 252},  {16, 17, 255}, {24, 11, 253}, {32, 8, 248},
                         {48, 5, 235},  {64, 4, 252},  {128, 2, 254}, {129, 2, 256}, {200, 1, 199},
                         {256, 1, 255}, {257, 1, 256}, {258, 0, 0},   {272, 0, 0},   {1000, 0, 0}};
   std::vector<uint8_t> top(16), bottom(16);
   for (int x = 0; x < 16; ++x) {
-    top[x] = (x & 1) ? 255 : 0;
-    bottom[x] = (x & 1) ? 0 : 255;
+    top[x] = static_cast<uint8_t>((x & 1) ? 255 - x : x);
+    bottom[x] = static_cast<uint8_t>((x & 1) ? x : 255 - x);
   }
-  auto expected = [](int x, int weight) {
-    return (x & 1) ? 255 + ((-255 * weight + 128) >> 8) : ((255 * weight + 128) >> 8);
+  auto expected = [&](int x, int weight) {
+    return top[x] + (((bottom[x] - top[x]) * weight + 128) >> 8);
   };
   for (const Case& c : cases) {
     for (int w : kWidths) {
-      Target t(c.h, 16);
-      interpolateRange(t.bytes.data(), w, c.h, t.stride, top.data(), bottom.data());
+      const std::vector<uint8_t> out = interpolate(w, c.h, top, bottom);
       for (int y = 0; y < c.h; ++y) {
+        const int weight = y == c.h - 1 ? c.last_weight : y * c.step;
         for (int x = 0; x < w; ++x) {
-          ASSERT_EQ(t.at(x, y), expected(x, y * c.step))
+          ASSERT_EQ(out[y * kStride + x], expected(x, weight))
               << "h " << c.h << " w " << w << " row " << y << " column " << x;
         }
       }
-      for (int x = 0; x < w; ++x) {
-        EXPECT_EQ(t.at(x, c.h - 1), expected(x, c.last_weight)) << "h " << c.h << " w " << w;
-      }
     }
   }
 }
 
-TEST(InterpolateRange, DifferenceOfOneRoundsHalvesUpwards) {
-  // h = 3 has the weights 0, 128, 256; h = 129 has 126, 128, 130 at rows 63, 64, 65.
-  struct Case {
-    int h;
-    uint8_t top, bottom;
-    std::vector<std::pair<int, int>> row_values;
-  };
-  const Case cases[] = {
-      {3, 50, 51, {{0, 50}, {1, 51}, {2, 51}}},
-      {3, 51, 50, {{0, 51}, {1, 51}, {2, 50}}},
-      {129, 50, 51, {{63, 50}, {64, 51}, {65, 51}, {128, 51}}},
-      {129, 51, 50, {{63, 51}, {64, 51}, {65, 50}, {128, 50}}},
-  };
-  for (const Case& c : cases) {
-    for (int w : kWidths) {
-      Target t(c.h, 16);
-      interpolateRange(t.bytes.data(), w, c.h, t.stride, row16(c.top).data(),
-                       row16(c.bottom).data());
-      for (const auto& [y, value] : c.row_values) {
-        EXPECT_EQ(t.at(w - 1, y), value)
-            << "h " << c.h << " " << int(c.top) << "->" << int(c.bottom) << " row " << y;
-      }
-    }
-  }
-}
-
-TEST(InterpolateRange, ReferenceRowsDecideEveryColumnByItself) {
-  std::mt19937 rng(7);
-  std::uniform_int_distribution<int> byte(0, 255);
-  for (int h : {2, 8, 16, 40, 129, 272}) {
-    std::vector<uint8_t> top(16), bottom(16);
-    for (int x = 0; x < 16; ++x) top[x] = static_cast<uint8_t>(byte(rng));
-    for (int w : kWidths) {
-      // Equal reference rows: every row equals them.
-      Target same(h, 24);
-      interpolateRange(same.bytes.data(), w, h, same.stride, top.data(), top.data());
-      for (int y = 0; y < h; ++y) {
-        for (int x = 0; x < w; ++x) ASSERT_EQ(same.at(x, y), top[x]) << "h " << h << " row " << y;
-      }
-    }
-    // Random reference rows: each sample lies between its own column's references, the first
-    // row copies `top`.
-    for (int x = 0; x < 16; ++x) bottom[x] = static_cast<uint8_t>(byte(rng));
-    Target t(h, 16);
-    interpolateRange(t.bytes.data(), 16, h, t.stride, top.data(), bottom.data());
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < 16; ++x) {
-        ASSERT_GE(t.at(x, y), std::min(top[x], bottom[x]));
-        ASSERT_LE(t.at(x, y), std::max(top[x], bottom[x]));
-        if (y == 0) {
-          ASSERT_EQ(t.at(x, y), top[x]);
-        }
-      }
-    }
-  }
-}
-
-TEST(InterpolateRange, TallRectangleRepeatsTop) {
-  // 17 luma MCUs of 16 rows: the step is 0 and the bottom row has no influence.
-  const int h = 272;
-  std::vector<uint8_t> top(16), bottom(16);
-  for (int x = 0; x < 16; ++x) {
-    top[x] = static_cast<uint8_t>(10 * x);
-    bottom[x] = static_cast<uint8_t>(255 - 10 * x);
-  }
-  for (int w : kWidths) {
-    Target t(h, 16);
-    interpolateRange(t.bytes.data(), w, h, t.stride, top.data(), bottom.data());
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) ASSERT_EQ(t.at(x, y), top[x]) << "row " << y;
-    }
-  }
-}
-
-TEST(InterpolateRange, TooWideIsReportedAndNothingIsWritten) {
+// A width above 16 is a fault of the caller and reported; nothing is written then, nor for an
+// empty rectangle, which is no fault (w == 16 and h == 0 reports nothing).
+TEST(InterpolateRange, BadSizesWriteNothing) {
   const std::vector<uint8_t> top(32, 10), bottom(32, 250);
+  const std::vector<std::string> line = {"Check failed: w <= 16 (17 vs. 16) "};
+  const std::pair<int, int> sizes[] = {{17, 8}, {0, 8}, {-3, 8}, {16, 0}, {8, -1}};
   for (int check_level : {1, 0}) {
-    LogCapture log(2, check_level);
-    Target t(8, 32);
-    interpolateRange(t.bytes.data(), 17, 8, t.stride, top.data(), bottom.data());
-    EXPECT_TRUE(std::all_of(t.bytes.begin(), t.bytes.end(),
-                            [](uint8_t b) { return b == Target::kUntouched; }));
-    const std::vector<std::string> expected =
-        check_level >= 1 ? std::vector<std::string>{"Check failed: w <= 16 (17 vs. 16) "}
-                         : std::vector<std::string>{};
-    EXPECT_EQ(log.texts(1, "check"), expected);
-  }
-  // The largest allowed width reports nothing.
-  LogCapture log;
-  Target t(8, 32);
-  interpolateRange(t.bytes.data(), 16, 8, t.stride, top.data(), bottom.data());
-  EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(InterpolateRange, EmptyAndSingleRowRectangles) {
-  LogCapture log;
-  const std::vector<uint8_t> top = row16(30), bottom = row16(90);
-  struct Case {
-    int w, h;
-  };
-  // Nothing to write: no sample may change, and none of these is a fault worth a line.
-  for (const Case& c : {Case{0, 8}, Case{-3, 8}, Case{16, 0}, Case{8, -1}, Case{16, -100}}) {
-    Target t(8, 16);
-    interpolateRange(t.bytes.data(), c.w, c.h, t.stride, top.data(), bottom.data());
-    EXPECT_TRUE(std::all_of(t.bytes.begin(), t.bytes.end(),
-                            [](uint8_t b) { return b == Target::kUntouched; }))
-        << "w " << c.w << " h " << c.h;
-  }
-  // One row has weight 0 and copies `top` (and doesn't divide by zero).
-  for (int w : kWidths) {
-    Target t(2, 16);
-    interpolateRange(t.bytes.data(), w, 1, t.stride, top.data(), bottom.data());
-    for (int x = 0; x < 16; ++x) {
-      EXPECT_EQ(t.at(x, 0), x < w ? 30 : Target::kUntouched) << "w " << w;
-      EXPECT_EQ(t.at(x, 1), Target::kUntouched);
+    for (const auto& [w, h] : sizes) {
+      LogCapture log(2, check_level);
+      std::vector<uint8_t> out(8 * 32, kUntouched);
+      interpolateRange(out.data(), w, h, 32, top.data(), bottom.data());
+      EXPECT_EQ(out, std::vector<uint8_t>(8 * 32, kUntouched)) << "w " << w << " h " << h;
+      EXPECT_EQ(log.texts(1, "check"), w > 16 && check_level == 1 ? line : decltype(line){});
+      EXPECT_EQ(log.lines().size(), log.texts(1, "check").size());
     }
   }
-  EXPECT_TRUE(log.lines().empty());
 }
 
 // ---- fixBadMCUs on a hand-built decoder -----------------------------------------------------
@@ -221,47 +119,13 @@ TEST(InterpolateRange, EmptyAndSingleRowRectangles) {
 struct Factors {
   int slot, h, v;
 };
+const std::vector<Factors> k420 = {{1, 2, 2}, {2, 1, 1}, {3, 1, 1}};
+using Spans = std::vector<std::pair<int, int>>;  // first MCU number, number of MCUs
 
-// Puts the decoder into the state that the frame header, the scan header and the entropy
-// driver leave behind: header, grid, random planes, and the bad spans (first MCU, count).
-void buildDecoder(SimpleJPEGDecoder* d, int width, int height, const std::vector<Factors>& slots,
-                  const std::vector<std::pair<int, int>>& bad_spans, unsigned seed) {
-  int hmax = 1, vmax = 1;
-  for (const Factors& f : slots) {
-    hmax = std::max(hmax, f.h);
-    vmax = std::max(vmax, f.v);
-  }
-  d->header_.width_ = width;
-  d->header_.height_ = height;
-  d->mcus_x_ = ((width + 7) / 8 + hmax - 1) / hmax;
-  d->mcus_y_ = ((height + 7) / 8 + vmax - 1) / vmax;
-  d->total_mcus_ = d->mcus_x_ * d->mcus_y_;
-  std::mt19937 rng(seed);
-  std::uniform_int_distribution<int> byte(0, 255);
-  for (const Factors& f : slots) {
-    Component& component = d->header_.components_[f.slot];
-    component.component_id_ = f.slot;
-    component.h1_ = f.h;
-    component.v1_ = f.v;
-    Channel& channel = d->channels_[f.slot];
-    channel.mcu_width_ = f.h * 8;
-    channel.stride_ = channel.mcu_width_ * d->mcus_x_;
-    channel.mcu_row_size_ = channel.stride_ * 8 * f.v;
-    channel.height_ = d->mcus_y_ * 8 * f.v;
-    const int size = channel.stride_ * channel.height_;
-    channel.image_ = new uint8_t[size];
-    for (int i = 0; i < size; ++i) channel.image_[i] = static_cast<uint8_t>(byte(rng));
-  }
-  if (!bad_spans.empty()) d->bad_mcus_.assign(d->total_mcus_, 0);
-  for (const auto& [first, count] : bad_spans) {
-    std::fill_n(d->bad_mcus_.begin() + first, count, 1);
-  }
-  d->valid_mcus_ =
-      d->total_mcus_ - static_cast<int>(std::count(d->bad_mcus_.begin(), d->bad_mcus_.end(), 1));
-}
+using PlaneSet = std::vector<std::vector<uint8_t>>;
 
-std::vector<std::vector<uint8_t>> planesOf(const SimpleJPEGDecoder& d) {
-  std::vector<std::vector<uint8_t>> planes(kMaxComponents);
+PlaneSet planesOf(const SimpleJPEGDecoder& d) {
+  PlaneSet planes(kMaxComponents);
   for (int slot = 0; slot < kMaxComponents; ++slot) {
     const Channel& c = d.channels_[slot];
     if (c.image_ != nullptr) planes[slot].assign(c.image_, c.image_ + c.stride_ * c.height_);
@@ -269,297 +133,139 @@ std::vector<std::vector<uint8_t>> planesOf(const SimpleJPEGDecoder& d) {
   return planes;
 }
 
-enum class Fill { kInterpolate, kCopy, kGrey };
+enum Fill { kInterpolate, kCopy, kGrey };
 
-// What one rectangle of one plane must hold after the repair. The reference rows are plane
-// rows outside every repaired rectangle: `above` and `below` for kInterpolate, `above` alone
-// (the row repeated) for kCopy.
+// One rectangle of one plane after the repair. `above` and `below` are the plane rows an
+// interpolation blends between; a copy repeats row `above`.
 struct Region {
   int slot, x, y, w, h;
   Fill fill;
-  int above = -1, below = -1;
+  int above, below;
 };
 
-Region interpolated(int slot, int x, int y, int w, int h, int above, int below) {
-  return {slot, x, y, w, h, Fill::kInterpolate, above, below};
+// `regions` plus those of a run of 4:2:0 MCUs in column `mcu_x`, MCU rows first..last. A copy
+// at the top of the grid repeats the row below the run, elsewhere the row above it.
+std::vector<Region> run420(int mcu_x, int first, int last, Fill fill,
+                           std::vector<Region> regions = {}) {
+  for (int slot = 1; slot <= 3; ++slot) {
+    const int size = slot == 1 ? 16 : 8, y = first * size, h = (last - first + 1) * size;
+    const int above = fill == kCopy && y == 0 ? h : y - 1;
+    regions.push_back({slot, mcu_x * size, y, size, h, fill, above, y + h});
+  }
+  return regions;
 }
-Region copied(int slot, int x, int y, int w, int h, int source) {
-  return {slot, x, y, w, h, Fill::kCopy, source, -1};
-}
-Region grey(int slot, int x, int y, int w, int h) { return {slot, x, y, w, h, Fill::kGrey}; }
 
-// Works out the expected planes from the planes before the repair, and compares all bytes of
-// every plane, so that a byte written outside the regions fails as well.
-void expectRepaired(const SimpleJPEGDecoder& d, const std::vector<std::vector<uint8_t>>& before,
-                    const std::vector<Region>& regions) {
-  std::vector<std::vector<uint8_t>> expected = before;
+// Puts a decoder into the state that the frame header, the scan header and the entropy driver
+// leave behind (a grid of `mcus_x` x `mcus_y` MCUs, planes of random samples, the bad spans),
+// repairs it, and compares every byte of every plane with the planes before the repair and
+// `regions` written over them, so that a byte written outside the regions fails as well.
+void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Factors>& slots,
+                  const Spans& bad_spans, const std::vector<Region>& regions) {
+  SCOPED_TRACE(name);
+  SimpleJPEGDecoder d;
+  d.mcus_x_ = mcus_x;
+  d.mcus_y_ = mcus_y;
+  d.total_mcus_ = mcus_x * mcus_y;
+  d.valid_mcus_ = 77;  // whatever it is, the repair leaves it alone
+  std::mt19937 rng(1234);
+  for (const Factors& f : slots) {
+    d.header_.components_[f.slot] = {f.slot, f.h, f.v, 0};
+    Channel& channel = d.channels_[f.slot];
+    channel.stride_ = f.h * 8 * mcus_x;
+    channel.height_ = f.v * 8 * mcus_y;
+    channel.image_ = new uint8_t[channel.stride_ * channel.height_];
+    std::generate_n(channel.image_, channel.stride_ * channel.height_,
+                    [&] { return static_cast<uint8_t>(rng()); });
+  }
+  if (!bad_spans.empty()) d.bad_mcus_.assign(d.total_mcus_, 0);
+  for (const auto& [first, count] : bad_spans) std::fill_n(&d.bad_mcus_[first], count, 1);
+  const std::vector<uint8_t> map = d.bad_mcus_;
+  const PlaneSet before = planesOf(d);
+  {
+    LogCapture log(8, 1);
+    d.fixBadMCUs();
+    EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
+  }
+  // Nothing is booked as repaired.
+  EXPECT_EQ(d.bad_mcus_, map);
+  EXPECT_EQ(d.valid_mcus_, 77);
+
+  PlaneSet expected = before;
   for (const Region& r : regions) {
-    const int stride = d.channels_[r.slot].stride_;
-    const std::vector<uint8_t>& old = before[r.slot];
-    std::vector<uint8_t>& plane = expected[r.slot];
-    const int step = r.h > 1 ? 256 / (r.h - 1) : 0;
+    const int stride = d.channels_[r.slot].stride_, step = 256 / (r.h - 1);
     for (int y = 0; y < r.h; ++y) {
       for (int x = r.x; x < r.x + r.w; ++x) {
         int value = 0x80;
-        if (r.fill == Fill::kCopy) {
-          value = old[r.above * stride + x];
-        } else if (r.fill == Fill::kInterpolate) {
-          const int top = old[r.above * stride + x];
-          const int bottom = old[r.below * stride + x];
+        if (r.fill != kGrey) {
+          const int top = before[r.slot][r.above * stride + x];
+          const int bottom = r.fill == kCopy ? top : before[r.slot][r.below * stride + x];
           value = top + (((bottom - top) * y * step + 128) >> 8);
         }
-        plane[(r.y + y) * stride + x] = static_cast<uint8_t>(value);
+        expected[r.slot][(r.y + y) * stride + x] = static_cast<uint8_t>(value);
       }
     }
   }
-  const std::vector<std::vector<uint8_t>> after = planesOf(d);
+  const PlaneSet after = planesOf(d);
   for (int slot = 0; slot < kMaxComponents; ++slot) {
-    ASSERT_EQ(after[slot].size(), expected[slot].size());
     const int stride = d.channels_[slot].stride_;
     for (size_t i = 0; i < after[slot].size(); ++i) {
       ASSERT_EQ(int(after[slot][i]), int(expected[slot][i]))
-          << "slot " << slot << " column " << i % stride << " row " << i / stride
-          << (after[slot][i] == before[slot][i] ? " (not written)" : " (written)");
+          << "slot " << slot << " column " << i % stride << " row " << i / stride;
     }
   }
 }
 
-struct RepairCase {
-  std::string name;
-  int width, height;
-  std::vector<Factors> factors;
-  std::vector<std::pair<int, int>> bad_spans;  // first MCU number, number of MCUs
+TEST(FixBadMCUs, RunsInsideTheGridAreInterpolated) {
+  // 640x480: luma 16x16 at column 80, row 160 between rows 159 and 176; chroma 8x8 at column
+  // 40, row 80 between rows 79 and 88. Slots 0 and 4 stay as decoded.
+  expectRepair("OneMCUInside", 40, 30, {{0, 1, 1}, {1, 2, 2}, {2, 1, 1}, {3, 1, 1}, {4, 1, 1}},
+               {{10 * 40 + 5, 1}},
+               {{1, 80, 160, 16, 16, kInterpolate, 159, 176},
+                {2, 40, 80, 8, 8, kInterpolate, 79, 88},
+                {3, 40, 80, 8, 8, kInterpolate, 79, 88}});
+  // Rows 4..8 of column 7: one interpolation over 80 luma rows; row 10: a run of its own, with
+  // the good MCU of row 9 giving its reference row above.
+  Spans spans = {{10 * 40 + 7, 1}};
+  for (int y = 4; y <= 8; ++y) spans.push_back({y * 40 + 7, 1});
+  expectRepair("RunsInOneColumn", 40, 30, k420, spans,
+               run420(7, 4, 8, kInterpolate, run420(7, 10, 10, kInterpolate)));
+  // A failed span of one and a half MCU rows from the left edge: runs of two MCUs in the first
+  // 20 columns, runs of one in the others.
   std::vector<Region> regions;
-};
-
-const std::vector<Factors> k420 = {{1, 2, 2}, {2, 1, 1}, {3, 1, 1}};
-
-// Regions of a run of bad 4:2:0 MCUs (column `mcu_x`, rows first..last). A copy at the top
-// edge repeats the row below the run, elsewhere the row above it.
-void add420(std::vector<Region>* regions, int mcu_x, int first, int last, Fill fill) {
-  const int mcu_rows = last - first + 1;
-  for (int slot = 1; slot <= 3; ++slot) {
-    const int size = slot == 1 ? 16 : 8;
-    const int x = mcu_x * size, y = first * size, h = mcu_rows * size;
-    switch (fill) {
-      case Fill::kInterpolate:
-        regions->push_back(interpolated(slot, x, y, size, h, y - 1, y + h));
-        break;
-      case Fill::kCopy:
-        regions->push_back(copied(slot, x, y, size, h, y == 0 ? h : y - 1));
-        break;
-      case Fill::kGrey:
-        regions->push_back(grey(slot, x, y, size, h));
-        break;
-    }
-  }
+  for (int x = 0; x < 40; ++x) regions = run420(x, 10, x < 20 ? 11 : 10, kInterpolate, regions);
+  expectRepair("SpanOfOneAndAHalfRows", 40, 30, k420, {{10 * 40, 60}}, regions);
+  expectRepair("NoBadMCU", 40, 30, k420, {{5, 0}}, {});
 }
 
-std::vector<RepairCase> repairCases() {
-  std::vector<RepairCase> cases;
-
-  // One bad MCU in the middle: luma 16x16 at column 80, row 160 between rows 159 and 176;
-  // chroma 8x8 at column 40, row 80 between rows 79 and 88. Slots 0 and 4 stay as decoded.
-  cases.push_back({"OneMCUInside",
-                   640,
-                   480,
-                   {{0, 1, 1}, {1, 2, 2}, {2, 1, 1}, {3, 1, 1}, {4, 1, 1}},
-                   {{10 * 40 + 5, 1}},
-                   {interpolated(1, 80, 160, 16, 16, 159, 176),
-                    interpolated(2, 40, 80, 8, 8, 79, 88), interpolated(3, 40, 80, 8, 8, 79, 88)}});
-  cases.push_back(
-      {"TopEdgeRepeatsRowBelow",
-       640,
-       480,
-       k420,
-       {{7, 1}},
-       {copied(1, 112, 0, 16, 16, 16), copied(2, 56, 0, 8, 8, 8), copied(3, 56, 0, 8, 8, 8)}});
-  cases.push_back({"BottomEdgeRepeatsRowAbove",
-                   640,
-                   480,
-                   k420,
-                   {{29 * 40 + 7, 1}},
-                   {copied(1, 112, 464, 16, 16, 463), copied(2, 56, 232, 8, 8, 231),
-                    copied(3, 56, 232, 8, 8, 231)}});
-  {
-    RepairCase c{"WholeColumnIsGrey", 640, 480, k420, {}, {}};
-    for (int y = 0; y < 30; ++y) c.bad_spans.push_back({y * 40 + 3, 1});
-    c.regions = {grey(1, 48, 0, 16, 480), grey(2, 24, 0, 8, 240), grey(3, 24, 0, 8, 240)};
-    cases.push_back(c);
-  }
-  {
-    // Rows 4..8 of column 7: one interpolation over 80 luma rows (step 3) between the row
-    // above the run and the row below it.
-    RepairCase c{"RunOfFiveMCUs", 640, 480, k420, {}, {}};
-    for (int y = 4; y <= 8; ++y) c.bad_spans.push_back({y * 40 + 7, 1});
-    c.regions = {interpolated(1, 112, 64, 16, 80, 63, 144), interpolated(2, 56, 32, 8, 40, 31, 72),
-                 interpolated(3, 56, 32, 8, 40, 31, 72)};
-    cases.push_back(c);
-  }
-  cases.push_back(
-      {"TwoRunsAroundOneGoodMCU",
-       640,
-       480,
-       k420,
-       {{10 * 40 + 2, 1}, {12 * 40 + 2, 1}},
-       {interpolated(1, 32, 160, 16, 16, 159, 176), interpolated(1, 32, 192, 16, 16, 191, 208),
-        interpolated(2, 16, 80, 8, 8, 79, 88), interpolated(2, 16, 96, 8, 8, 95, 104),
-        interpolated(3, 16, 80, 8, 8, 79, 88), interpolated(3, 16, 96, 8, 8, 95, 104)}});
-  {
-    RepairCase c{"WholeMCURowEachColumnByItself", 640, 480, k420, {{10 * 40, 40}}, {}};
-    for (int x = 0; x < 40; ++x) add420(&c.regions, x, 10, 10, Fill::kInterpolate);
-    cases.push_back(c);
-  }
-  {
-    // A failed span of one and a half MCU rows from the left edge: runs of two MCUs in the
-    // first 20 columns, runs of one in the others.
-    RepairCase c{"SpanOfOneAndAHalfRows", 640, 480, k420, {{10 * 40, 60}}, {}};
-    for (int x = 0; x < 40; ++x) add420(&c.regions, x, 10, x < 20 ? 11 : 10, Fill::kInterpolate);
-    cases.push_back(c);
-  }
-  {
-    RepairCase c{"LowerPartLost", 640, 480, k420, {{20 * 40, 400}}, {}};
-    for (int x = 0; x < 40; ++x) add420(&c.regions, x, 20, 29, Fill::kCopy);
-    cases.push_back(c);
-  }
-  {
-    RepairCase c{"UpperPartLost", 640, 480, k420, {{0, 5 * 40}}, {}};
-    for (int x = 0; x < 40; ++x) add420(&c.regions, x, 0, 4, Fill::kCopy);
-    cases.push_back(c);
-  }
-  {
-    RepairCase c{"WholeFrameLost", 640, 480, k420, {{0, 1200}}, {}};
-    c.regions = {grey(1, 0, 0, 640, 480), grey(2, 0, 0, 320, 240), grey(3, 0, 0, 320, 240)};
-    cases.push_back(c);
-  }
+TEST(FixBadMCUs, RunsAtTheEdgesAreCopiedOrGrey) {
+  // Chroma copies move 8 bytes per row: the samples right of the MCU keep their values.
+  expectRepair("TopEdge", 40, 30, k420, {{7, 1}, {47, 1}}, run420(7, 0, 1, kCopy));
   // 1920x1080: the last MCU row lies partly below the frame and still counts as the bottom.
-  cases.push_back(
-      {"LastRowPartlyOutsideFrame",
-       1920,
-       1080,
-       k420,
-       {{67 * 120 + 119, 1}, {66 * 120 + 118, 1}},
-       {copied(1, 1904, 1072, 16, 16, 1071), copied(2, 952, 536, 8, 8, 535),
-        copied(3, 952, 536, 8, 8, 535), interpolated(1, 1888, 1056, 16, 16, 1055, 1072),
-        interpolated(2, 944, 528, 8, 8, 527, 536), interpolated(3, 944, 528, 8, 8, 527, 536)}});
-  // One MCU row: every run is the whole column, so every bad MCU is grey.
-  cases.push_back({"SingleMCURowIsGrey",
-                   64,
-                   16,
-                   k420,
-                   {{1, 2}},
-                   {grey(1, 16, 0, 32, 16), grey(2, 8, 0, 16, 8), grey(3, 8, 0, 16, 8)}});
+  expectRepair("BottomEdge", 120, 68, k420, {{67 * 120 + 119, 1}}, run420(119, 67, 67, kCopy));
+  Spans column;
+  for (int y = 0; y < 30; ++y) column.push_back({y * 40 + 3, 1});
+  expectRepair("WholeColumn", 40, 30, k420, column, run420(3, 0, 29, kGrey));
+}
+
+TEST(FixBadMCUs, SamplingFactors) {
   // Luma 3x1 is 24 samples wide, too wide to interpolate: grey. Chroma of the same MCUs is
-  // interpolated or copied as usual. 96x48 gives a grid of 4 x 6 MCUs.
-  cases.push_back({"WideLumaIsGreyChromaIsNot",
-                   96,
-                   48,
-                   {{1, 3, 1}, {2, 1, 1}, {3, 1, 1}},
-                   {{2 * 4 + 1, 1}, {2, 1}},
-                   {grey(1, 24, 16, 24, 8), interpolated(2, 8, 16, 8, 8, 15, 24),
-                    interpolated(3, 8, 16, 8, 8, 15, 24), grey(1, 48, 0, 24, 8),
-                    copied(2, 16, 0, 8, 8, 8), copied(3, 16, 0, 8, 8, 8)}});
-  // 4:4:4: every plane is 8 samples across, so copies move 8 bytes per row and the samples right
-  // of the MCU (column 9 and on) keep their values.
-  cases.push_back({"EightWideCopiesLeaveTheNextColumnAlone",
-                   64,
-                   64,
-                   {{1, 1, 1}, {2, 1, 1}, {3, 1, 1}},
-                   {{2, 1}, {7 * 8 + 5, 1}, {3 * 8 + 1, 1}},
-                   {copied(1, 16, 0, 8, 8, 8), copied(2, 16, 0, 8, 8, 8), copied(3, 16, 0, 8, 8, 8),
-                    copied(1, 40, 56, 8, 8, 55), copied(2, 40, 56, 8, 8, 55),
-                    copied(3, 40, 56, 8, 8, 55), interpolated(1, 8, 24, 8, 8, 23, 32),
-                    interpolated(2, 8, 24, 8, 8, 23, 32), interpolated(3, 8, 24, 8, 8, 23, 32)}});
-  // 4:2:2: luma 16 wide and 8 high, chroma 8x8.
-  cases.push_back({"FourTwoTwo",
-                   64,
-                   32,
-                   {{1, 2, 1}, {2, 1, 1}, {3, 1, 1}},
-                   {{1 * 4 + 1, 1}},
-                   {interpolated(1, 16, 8, 16, 8, 7, 16), interpolated(2, 8, 8, 8, 8, 7, 16),
-                    interpolated(3, 8, 8, 8, 8, 7, 16)}});
-  // A plane with a factor of 0 is empty (a zero-sized array): nothing may be written to it,
-  // also not at the top edge where the copy would move 8 bytes per row.
-  cases.push_back({"EmptyPlanesAreSkipped",
-                   64,
-                   32,
-                   {{1, 2, 2}, {2, 0, 1}, {3, 1, 0}},
-                   {{0, 1}, {1 * 4 + 2, 1}},
-                   {copied(1, 0, 0, 16, 16, 16), copied(1, 32, 16, 16, 16, 15)}});
-  // Slot 3 never named: its image_ is null and it is skipped.
-  cases.push_back({"MissingPlaneIsSkipped",
-                   64,
-                   64,
-                   {{1, 2, 2}, {2, 1, 1}},
-                   {{1 * 4 + 1, 1}},
-                   {interpolated(1, 16, 16, 16, 16, 15, 32), interpolated(2, 8, 8, 8, 8, 7, 16)}});
-  // bad_mcus_ sized but without a bad MCU, and bad_mcus_ empty: nothing changes.
-  cases.push_back({"NoBadMCU", 640, 480, k420, {{5, 0}}, {}});
-  cases.push_back({"NoMap", 640, 480, k420, {}, {}});
-  return cases;
-}
-
-class FixBadMCUs : public ::testing::TestWithParam<RepairCase> {};
-
-TEST_P(FixBadMCUs, RepairsExactlyTheRuns) {
-  const RepairCase& c = GetParam();
-  SimpleJPEGDecoder decoder;
-  buildDecoder(&decoder, c.width, c.height, c.factors, c.bad_spans, 1234);
-  const std::vector<uint8_t> map = decoder.bad_mcus_;
-  const int valid = decoder.valid_mcus_;
-  const std::vector<std::vector<uint8_t>> before = planesOf(decoder);
-  {
-    LogCapture log(8, 1);
-    decoder.fixBadMCUs();
-    EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
-  }
-  expectRepaired(decoder, before, c.regions);
-  // Nothing is booked as repaired.
-  EXPECT_EQ(decoder.bad_mcus_, map);
-  EXPECT_EQ(decoder.valid_mcus_, valid);
-}
-
-INSTANTIATE_TEST_SUITE_P(Runs, FixBadMCUs, ::testing::ValuesIn(repairCases()),
-                         [](const ::testing::TestParamInfo<RepairCase>& info) {
-                           return info.param.name;
-                         });
-
-TEST(FixBadMCUsGrid, EmptyGridWalksNothing) {
-  for (const auto& [mcus_x, mcus_y] : {std::pair{0, 4}, std::pair{4, 0}, std::pair{-1, -1}}) {
-    SimpleJPEGDecoder decoder;
-    buildDecoder(&decoder, 64, 64, k420, {{0, 4}}, 5);
-    decoder.mcus_x_ = mcus_x;
-    decoder.mcus_y_ = mcus_y;
-    const std::vector<std::vector<uint8_t>> before = planesOf(decoder);
-    decoder.fixBadMCUs();
-    EXPECT_EQ(planesOf(decoder), before) << mcus_x << " x " << mcus_y;
-  }
-}
-
-TEST(FixBadMCUsGrid, FixMCURangeTreatsTheGivenRowsAsOneRun) {
-  // Called directly, the range needn't be marked: rows 1..2 of column 0 in a 4:2:0 frame of
-  // 2 x 4 MCUs (32x64 luma) are interpolated over 32 luma rows between rows 15 and 48.
-  SimpleJPEGDecoder decoder;
-  buildDecoder(&decoder, 32, 64, k420, {}, 9);
-  const std::vector<std::vector<uint8_t>> before = planesOf(decoder);
-  decoder.fixMCURange(0, 1, 2);
-  expectRepaired(decoder, before,
-                 {interpolated(1, 0, 16, 16, 32, 15, 48), interpolated(2, 0, 8, 8, 16, 7, 24),
-                  interpolated(3, 0, 8, 8, 16, 7, 24)});
-}
-
-TEST(FixBadMCUsGrid, RunsOutsideTheGridWriteNothing) {
-  SimpleJPEGDecoder decoder;
-  buildDecoder(&decoder, 32, 64, k420, {}, 11);  // 2 x 4 MCUs
-  const std::vector<std::vector<uint8_t>> before = planesOf(decoder);
-  struct Run {
-    int mcu_x, first_row, last_row;
-  };
-  for (const Run& run : {Run{2, 1, 1}, Run{-1, 1, 1}, Run{0, -1, 1}, Run{0, 2, 4}, Run{0, 3, 2}}) {
-    decoder.fixMCURange(run.mcu_x, run.first_row, run.last_row);
-    EXPECT_EQ(planesOf(decoder), before)
-        << run.mcu_x << " " << run.first_row << ".." << run.last_row;
-  }
+  // interpolated or copied as usual.
+  expectRepair("WideLuma", 4, 6, {{1, 3, 1}, {2, 1, 1}, {3, 1, 1}}, {{9, 1}, {2, 1}},
+               {{1, 24, 16, 24, 8, kGrey, 0, 0},
+                {1, 48, 0, 24, 8, kGrey, 0, 0},
+                {2, 8, 16, 8, 8, kInterpolate, 15, 24},
+                {3, 8, 16, 8, 8, kInterpolate, 15, 24},
+                {2, 16, 0, 8, 8, kCopy, 8, 0},
+                {3, 16, 0, 8, 8, kCopy, 8, 0}});
+  // 4:2:2: luma 16 wide and 8 high.
+  expectRepair("FourTwoTwo", 4, 4, {{1, 2, 1}, {2, 1, 1}, {3, 1, 1}}, {{5, 1}},
+               {{1, 16, 8, 16, 8, kInterpolate, 7, 16},
+                {2, 8, 8, 8, 8, kInterpolate, 7, 16},
+                {3, 8, 8, 8, 8, kInterpolate, 7, 16}});
+  // Slot 2 has a factor of 0 and an empty plane, where a copy would still move 8 bytes per
+  // row; slot 3 was never named and has no plane. Both are skipped.
+  expectRepair("EmptyAndMissingPlanes", 4, 2, {{1, 2, 2}, {2, 0, 1}}, {{0, 1}, {6, 1}},
+               {{1, 0, 0, 16, 16, kCopy, 16, 0}, {1, 32, 16, 16, 16, kCopy, 15, 0}});
 }
 
 }  // namespace
