@@ -2,7 +2,11 @@
 // video files made from frames, and reading back what the tool wrote.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,8 +27,13 @@ class TempDir {
   std::string path_;
 };
 
-void writeFile(const std::string& path, const std::vector<uint8_t>& data);
-void writeFile(const std::string& path, const std::string& text);
+// Writes `data` (bytes or text) to `path`.
+template <typename Data>
+void writeFile(const std::string& path, const Data& data) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
 
 struct ToolRun {
   int code = -1;  // exit code; 128 + signal when the tool died of a signal
@@ -33,35 +42,26 @@ struct ToolRun {
   std::string describe() const;
 };
 
-// Runs the vidra-mjpeg binary with `args` (stdin from /dev/null unless `stdin_path` is
-// given) and waits for it, at most two minutes.
+// Runs the vidra-mjpeg binary with `args`, stdin from `stdin_path` (or /dev/null), and waits
+// for it. A sanitizer report exits with 99, so it can't pass for exit code 1; a tool that hangs
+// is stopped after two minutes (exit code 124 or 137).
 ToolRun runTool(const std::vector<std::string>& args, const std::string& stdin_path = "");
+
+// Passes when `text` contains `fragment`; a failure shows the whole text.
+testing::AssertionResult has(const std::string& text, const std::string& fragment);
 
 // Concatenates frames into one raw MJPEG stream, with `junk` between each two.
 std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
                                   const std::vector<uint8_t>& junk = {});
 
-// Writes `frames` as the MJPEG video track of a container through libavformat's muxer;
-// `format` is its short name ("avi", "matroska", "mov"). Returns "" or the error.
+// Writes `frames` as the MJPEG video track (25 frames/s) of a container through libavformat's
+// muxer; `format` is its short name ("avi", "matroska", "mov"). Returns "" or the error.
 std::string muxMJPEG(const std::string& path, const char* format,
                      const std::vector<std::vector<uint8_t>>& frames, int width, int height);
 
-// What libavformat makes of a video file.
-struct VideoProbe {
-  std::string error;  // empty on success
-  std::string format;
-  int width = 0, height = 0;
-  int pix_fmt = -1;      // AVPixelFormat
-  int color_range = -1;  // AVColorRange
-  int frames = 0;        // packets of the video stream
-};
-VideoProbe probeVideo(const std::string& path);
-
-// Width and height from a PNG's IHDR; false when the file isn't a PNG.
-bool pngSize(const std::string& path, int* width, int* height);
-
-// Number of times `needle` occurs in `text`.
-int countOf(const std::string& text, const std::string& needle);
+// What libavformat makes of the video stream of a file, as "<format> <W>x<H> <pixel format>
+// <colour range>, <packets> frames", or "error: ...".
+std::string probeVideo(const std::string& path);
 
 }  // namespace test
 }  // namespace vidra

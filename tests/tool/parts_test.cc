@@ -1,0 +1,260 @@
+// The tool's parts, tested directly: cutting raw MJPEG streams into frames, reading frame
+// headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
+
+#include <gtest/gtest.h>
+#include <png.h>
+#include <turbojpeg.h>
+
+#include <algorithm>
+#include <array>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli.h"
+#include "damage.h"
+#include "demo_scene.h"
+#include "image.h"
+#include "input.h"
+#include "jpeg_headers.h"
+#include "png_writer.h"
+#include "support/test_support.h"
+#include "tool/tool_test_support.h"
+#include "webcam_encoder.h"
+
+namespace vidra {
+namespace test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a frame
+
+// The frames of `data` as rows, and the junk behind the last one.
+std::vector<Row> split(const Bytes& data, size_t* trailing) {
+  tool::MJPEGSplitter splitter(data.data(), data.size());
+  std::vector<Row> rows;
+  for (tool::SplitFrame f; splitter.next(&f);) {
+    rows.push_back({f.offset, f.size, f.junk_before, f.cut_short});
+  }
+  *trailing = splitter.trailingJunk();
+  EXPECT_EQ(splitter.position(), data.size());
+  return rows;
+}
+
+// An exact-size copy, so that the sanitizers see any read past its end.
+Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
+
+tool::JPEGHeaderInfo headerOf(const Bytes& frame) {
+  return tool::readJPEGHeader(frame.data(), frame.size());
+}
+
+TEST(ToolSplitterTest, CutsStreamsAtFrameBoundaries) {
+  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
+  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
+  const Bytes c = encodeTestFrame(24, 24, TJSAMP_444, 50, 0, 3);
+  // Marker-like bytes but no FF D8 FF; the fill bytes at the end run into the next SOI.
+  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
+  const size_t a_cut = a.size() - 40;  // inside the entropy data
+  const size_t b_cut = 30;             // inside the tables
+  // `a` with an APP1 segment behind SOI that holds a whole JPEG, as EXIF thumbnails do.
+  const size_t app1 = 8 + c.size();
+  const Bytes exif = concatFrames({{0xFF, 0xD8, 0xFF, 0xE1, static_cast<uint8_t>(app1 >> 8),
+                                    static_cast<uint8_t>(app1), 'E', 'x', 'i', 'f', 0, 0},
+                                   c,
+                                   Bytes(a.begin() + 2, a.end())});
+  struct Case {
+    Bytes stream;
+    std::vector<Row> frames;
+    size_t trailing;
+  } cases[] = {
+      {concatFrames({junk, a, junk, b, junk}),
+       {{9, a.size(), 9, 0}, {18 + a.size(), b.size(), 9, 0}},
+       9},
+      // EOI missing, or the frame cut inside its header: the next frame still counts.
+      {concatFrames({head(a, a_cut), b}), {{0, a_cut, 0, 1}, {a_cut, b.size(), 0, 0}}, 0},
+      {concatFrames({head(b, b_cut), c}), {{0, b_cut, 0, 1}, {b_cut, c.size(), 0, 0}}, 0},
+      {concatFrames({exif, b}), {{0, exif.size(), 0, 0}, {exif.size(), b.size(), 0, 0}}, 0},
+  };
+  for (const Case& test : cases) {
+    size_t trailing = 0;
+    EXPECT_EQ(split(test.stream, &trailing), test.frames);
+    EXPECT_EQ(trailing, test.trailing);
+  }
+}
+
+// Every prefix of a stream, and streams damaged at random (flipped bytes, marker-like bytes
+// dropped in, cuts): the splitter and the header reader stay inside the data, and frames and
+// junk cover every byte once, in order.
+TEST(ToolSplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
+  const Bytes clean = concatFrames({encodeTestFrame(32, 16, TJSAMP_422, 90, 1, 11),
+                                    {0x00, 0x01},
+                                    stripDHT(encodeTestFrame(16, 16, TJSAMP_420, 70, 0, 12))});
+  std::vector<Bytes> streams;
+  for (size_t size = 0; size <= clean.size(); ++size) streams.push_back(head(clean, size));
+  std::mt19937 rng(5);
+  const uint8_t kMarkers[] = {0xD8, 0xD9, 0xDA, 0xC4, 0xDB, 0xE1, 0xD0, 0x00, 0xFF};
+  for (int round = 0; round < 300; ++round) {
+    Bytes stream = clean;
+    for (int edit = 0; edit < 6; ++edit) {
+      const size_t at = rng() % stream.size();
+      const unsigned kind = rng() % 3;
+      if (kind == 2) {
+        stream.resize(std::max<size_t>(at, 1));
+      } else {
+        stream[at] = kind == 0 ? static_cast<uint8_t>(rng()) : 0xFF;
+        if (kind == 1 && at + 1 < stream.size()) stream[at + 1] = kMarkers[rng() % 9];
+      }
+    }
+    streams.push_back(head(stream, stream.size()));
+  }
+  for (size_t i = 0; i < streams.size(); ++i) {
+    SCOPED_TRACE("stream " + std::to_string(i));
+    const Bytes& data = streams[i];
+    size_t covered = 0, trailing = 0;
+    for (const Row& row : split(data, &trailing)) {
+      ASSERT_EQ(row[0], covered + row[2]);
+      ASSERT_LE(row[0] + row[1], data.size());
+      headerOf(Bytes(data.begin() + row[0], data.begin() + row[0] + row[1]));
+      covered = row[0] + row[1];
+    }
+    ASSERT_EQ(covered + trailing, data.size());
+  }
+}
+
+// Layouts by name, and libjpeg's own tables come out as exactly the quality that made them.
+TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
+  struct Case {
+    int width, height, subsampling, quality;
+    const char* sampling;
+  } cases[] = {
+      {64, 32, TJSAMP_422, 90, "4:2:2 (2x1,1x1,1x1)"},
+      {64, 32, TJSAMP_420, 5, "4:2:0 (2x2,1x1,1x1)"},
+      {40, 24, TJSAMP_444, 25, "4:4:4 (1x1,1x1,1x1)"},
+      {33, 17, TJSAMP_440, 50, "4:4:0 (1x2,1x1,1x1)"},
+      {64, 8, TJSAMP_411, 75, "4:1:1 (4x1,1x1,1x1)"},
+      {24, 16, TJSAMP_GRAY, 100, "grey (1x1)"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.sampling);
+    const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
+    const tool::JPEGHeaderInfo header = headerOf(frame);
+    ASSERT_TRUE(header.ok()) << header.error;
+    EXPECT_EQ(tool::samplingName(header.components), test.sampling);
+    double distance = -1;
+    EXPECT_EQ(tool::estimateQuality(header.dqt[header.components[0].tq], &distance), test.quality);
+    EXPECT_EQ(distance, 0.0);
+    // Stripping the DHT segments leaves everything else as it was.
+    EXPECT_EQ(tool::stripDHTSegments(frame), stripDHT(frame));
+  }
+}
+
+TEST(ToolImageTest, ConvertsBT601FullRange) {
+  const std::array<int, 6> cases[] = {
+      // Y, Cb, Cr -> R, G, B
+      {0, 128, 128, 0, 0, 0},         {255, 128, 128, 255, 255, 255}, {76, 85, 255, 254, 0, 0},
+      {150, 44, 21, 0, 255, 1},       {29, 255, 107, 0, 0, 254},      {255, 0, 255, 255, 208, 28},
+      {200, 128, 100, 161, 220, 200},  // rounds to nearest below zero too
+      {100, 128, 130, 103, 99, 100},
+  };
+  for (const auto& test : cases) {
+    uint8_t rgb[3];
+    tool::yuvToRGB(test[0], test[1], test[2], rgb);
+    EXPECT_EQ((std::array<int, 3>{rgb[0], rgb[1], rgb[2]}),
+              (std::array<int, 3>{test[3], test[4], test[5]}))
+        << test[0] << "," << test[1] << "," << test[2];
+  }
+}
+
+// The decoder writes width/2 x height/2 chroma samples; files hold (width+1)/2 x (height+1)/2.
+TEST(ToolImageTest, CompletesTheChromaOfOddSizes) {
+  const std::pair<int, int> sizes[] = {{5, 3}, {4, 3}, {5, 4}, {1, 5}, {6, 4}};
+  for (const auto& [width, height] : sizes) {
+    const int w2 = width / 2, h2 = height / 2;
+    SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+    tool::I420Image image;
+    image.resize(width, height);
+    const int cw = image.chromaWidth(), ch = image.chromaHeight();
+    // What a decoder writes: distinct values in the decoded part, junk elsewhere.
+    std::fill(image.u.begin(), image.u.end(), 0xEE);
+    for (int row = 0; row < h2; ++row) {
+      for (int col = 0; col < w2; ++col) image.u[row * cw + col] = 10 * row + col;
+    }
+    image.v = image.u;
+    image.completeChroma();
+    for (int row = 0; row < ch; ++row) {
+      for (int col = 0; col < cw; ++col) {
+        const int expected =
+            w2 == 0 || h2 == 0 ? 0x80 : 10 * std::min(row, h2 - 1) + std::min(col, w2 - 1);
+        EXPECT_EQ(image.u[row * cw + col], expected) << row << "," << col;
+        EXPECT_EQ(image.v[row * cw + col], expected) << row << "," << col;
+      }
+    }
+  }
+}
+
+TEST(ToolPNGWriterTest, WritesWhatLibpngReadsBack) {
+  TempDir dir;
+  tool::RGBImage image;
+  image.resize(7, 5);
+  for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = static_cast<uint8_t>(i * 7);
+  const std::string path = dir.file("picture.png");
+  tool::writePNG(path, image);
+  png_image read{};
+  read.version = PNG_IMAGE_VERSION;
+  ASSERT_TRUE(png_image_begin_read_from_file(&read, path.c_str()));
+  read.format = PNG_FORMAT_RGB;
+  EXPECT_EQ(std::make_pair(read.width, read.height), std::make_pair(7u, 5u));
+  Bytes pixels(PNG_IMAGE_SIZE(read));
+  ASSERT_TRUE(png_image_finish_read(&read, nullptr, pixels.data(), 0, nullptr));
+  EXPECT_EQ(pixels, image.pixels);
+  EXPECT_THROW(tool::writePNG(dir.file("no/such/folder.png"), image), tool::ToolError);
+}
+
+// Marker codes (the byte behind each 0xFF that isn't stuffing or fill) in stream order.
+Bytes markerCodes(const Bytes& frame) {
+  Bytes codes;
+  for (size_t p = 0; p + 1 < frame.size(); ++p) {
+    if (frame[p] == 0xFF && frame[p + 1] != 0x00 && frame[p + 1] != 0xFF)
+      codes.push_back(frame[p + 1]);
+  }
+  return codes;
+}
+
+TEST(ToolDamageTest, DamagesOnlyTheEntropyDataAndKeepsTheMarkers) {
+  tool::RGBImage picture;
+  tool::DemoScene(128, 64).render(3, &picture);
+  const Bytes clean = tool::encodeWebcamFrame(picture);  // 8 MCU rows: 7 restart markers
+  size_t begin = 0, end = 0;
+  ASSERT_TRUE(tool::entropyRange(clean, &begin, &end));
+  std::mt19937 rng(1);
+  for (int count : {1, 5, 50}) {
+    Bytes frame = clean;
+    EXPECT_EQ(tool::flipBits(&frame, count, &rng), count);
+    ASSERT_EQ(frame.size(), clean.size());
+    int changed_bits = 0;
+    for (size_t i = 0; i < frame.size(); ++i) {
+      EXPECT_TRUE(frame[i] == clean[i] || (i >= begin && i < end)) << i;
+      changed_bits += __builtin_popcount(frame[i] ^ clean[i]);
+    }
+    EXPECT_EQ(changed_bits, count);
+    EXPECT_EQ(markerCodes(frame), markerCodes(clean));
+  }
+
+  // No junk byte is 0xFF, so the markers stay the same.
+  Bytes frame = clean;
+  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 3, &rng), 3);
+  EXPECT_GE(frame.size(), clean.size() + 3);
+  EXPECT_EQ(markerCodes(frame), markerCodes(clean));
+  EXPECT_EQ(std::count(frame.begin(), frame.end(), 0xFF),
+            std::count(clean.begin(), clean.end(), 0xFF));
+  frame = clean;  // asking for more restart markers than there are damages them all
+  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 100, &rng), 7);
+  frame = clean;  // cut off in the middle of the entropy data
+  tool::cutOff(&frame, 0.5);
+  EXPECT_EQ(frame, head(clean, begin + (end - begin) / 2));
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vidra
