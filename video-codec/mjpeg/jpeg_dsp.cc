@@ -1,5 +1,7 @@
 #include "jpeg_dsp.h"
 
+#include <atomic>
+
 #include "mjpeg.h"
 
 namespace vidra {
@@ -10,6 +12,7 @@ void initDSPScalar(DSPFunctions* dsp) {
   dsp->resample422To420 = resample422To420_c;
   dsp->interpolateRange16 = interpolateRange16_c;
   dsp->reconstructBlock = reconstructBlock_c;
+  dsp->decodeMCUSpan = decodeMCUSpan_c;
 }
 
 void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
@@ -19,13 +22,24 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->resample422To420 = resample422To420_sse41;
   dsp->interpolateRange16 = interpolateRange16_sse41;
   dsp->reconstructBlock = reconstructBlock_sse41;
+  dsp->decodeMCUSpan = decodeMCUSpan_sse41;
 #else
   (void)dsp;
   (void)cpu;
 #endif
 }
 
+namespace {
+std::atomic<const DSPFunctions*> g_dsp_for_testing{nullptr};
+}  // namespace
+
+void setDSPForTesting(const DSPFunctions* functions) {
+  g_dsp_for_testing.store(functions, std::memory_order_relaxed);
+}
+
 const DSPFunctions& dsp() {
+  const DSPFunctions* override_table = g_dsp_for_testing.load(std::memory_order_relaxed);
+  if (override_table != nullptr) return *override_table;
   static const DSPFunctions table = [] {
     DSPFunctions functions;
     initDSPScalar(&functions);

@@ -11,6 +11,8 @@
 
 #include "vidra/cpu_info.h"
 
+struct MCUSpanContext;
+
 namespace vidra {
 namespace jpeg {
 
@@ -24,11 +26,16 @@ using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8
 // dest, stride). Writes 8 rows of 8 samples.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
+// The MCU kernel with one form of reconstruction built in: (coefficients, context), as
+// decode_mcu_span_sse2_64.
+using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*);
+
 struct DSPFunctions {
   PlaneFn resample444To420;
   PlaneFn resample422To420;
   Interpolate16Fn interpolateRange16;
   ReconstructFn reconstructBlock;
+  DecodeSpanFn decodeMCUSpan;
 };
 
 // Fills `dsp` with the scalar forms.
@@ -37,6 +44,9 @@ void initDSPScalar(DSPFunctions* dsp);
 void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu);
 // The table for this process, from g_cpu_info_.
 const DSPFunctions& dsp();
+// Tests only: makes dsp() return `functions` (null: the probed table again), so that a test
+// can run the whole decoder once with the scalar and once with the vector forms.
+void setDSPForTesting(const DSPFunctions* functions);
 
 // Scalar forms.
 void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
@@ -47,6 +57,7 @@ void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask,
                         uint8_t last_position, uint8_t* dest, int stride);
+int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context);
 
 #if defined(__x86_64__)
 // Vector forms, compiled with -mssse3 -msse4.1; call only where initDSPx86() allows them.
@@ -58,6 +69,7 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
                               const uint8_t* bottom);
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context);
 #endif
 
 }  // namespace jpeg

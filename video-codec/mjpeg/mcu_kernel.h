@@ -39,7 +39,8 @@ struct MCUSpanContext {
   int16_t dc_pred_[8];         // DC predictors by component_; cleared by the kernel
   const uint8_t* data_;        // first de-stuffed byte of the span (0xFF sentinel behind it)
   const MCUBlock* blocks_;     // the block list of one MCU
-  uint8_t* dest_;              // kernel scratch: destination of the current block
+  uint8_t* dest_;              // on entry: end of the readable bytes behind data_ (see
+                               // below); then kernel scratch: destination of the current block
   uint32_t mcu_x_;             // MCU column of the next MCU
   uint32_t mcu_y_;             // MCU row of the next MCU
   uint32_t blocks_per_mcu_;    // records in blocks_
@@ -67,5 +68,11 @@ extern const uint32_t kZigzagNatural[128];
 
 // Decodes `context->mcu_count_` MCUs. `coefficients` is a 16-byte aligned workspace of 64
 // values. Returns 1 when every MCU decoded, 0 when a code matched no table entry.
+//
+// The caller sets `dest_` to one past the last byte that may be read behind `data_`: the end of
+// the eight 0xFF sentinel bytes that close the segment (or of any slack behind them). The kernel
+// never reads past it: a refill that would cross it ends the span with 0. Streams decoded with
+// tables of ITU T.81 form fail at that point anyway, as the bits there are all ones; a table
+// that assigns the all-ones code would otherwise let a span run through the sentinel.
 extern "C" VIDRA_MJPEG_EXPORT int decode_mcu_span_sse2_64(int16_t* coefficients,
                                                           MCUSpanContext* context);
