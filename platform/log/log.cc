@@ -1,6 +1,7 @@
 #include "vidra/log.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -118,6 +119,8 @@ bool handleAssertion(const char* file, int line, const char* function, const cha
   emit(1, "assert", file, line, text.c_str());
   return g_assertion_breaks.load(std::memory_order_relaxed);
 }
+
+void debugBreak() { std::raise(SIGTRAP); }
 
 void setLogSink(LogSink sink, void* user) {
   std::lock_guard<std::mutex> lock(g_sink_mutex);

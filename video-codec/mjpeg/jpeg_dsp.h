@@ -23,7 +23,9 @@ using PlaneFn = void (*)(const uint8_t*, int, uint8_t*, int, int, int);
 using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8_t*);
 
 // Reconstruction of one block: (coefficients in natural order, position_mask, last_position,
-// dest, stride). Writes 8 rows of 8 samples.
+// dest, stride). Writes 8 rows of 8 samples. Values at natural indices where the kernel stored
+// nothing must be 0, as the kernel leaves them: the vector form skips columns and rows that
+// position_mask shows can only hold zeros.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
 // The MCU kernel with one form of reconstruction built in: (coefficients, context), as

@@ -22,10 +22,10 @@ bool planeHolds(const Channel& channel, int width, int height) {
 }
 
 // Sets `stride` * `rows` bytes at `plane` to grey, the bytes behind each row of `width`
-// included. A stride of 0 or less gives no such block: then only the `width` samples of each
-// row are set.
+// included; nothing for a stride of 0. A negative stride (a bottom-up plane) gives no such
+// block: then only the `width` samples of each row are set.
 void fillGrey(uint8_t* plane, int stride, int width, int rows) {
-  if (rows <= 0) return;
+  if (rows <= 0 || stride == 0) return;
   if (stride > 0) {
     std::memset(plane, 0x80, static_cast<size_t>(stride) * static_cast<size_t>(rows));
     return;

@@ -44,10 +44,10 @@ void resample422To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int ds
 void adaptStrides(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,
                   int height) {
   if (height <= 0) return;
-  if (src_stride == dst_stride && src_stride > 0) {
+  if (src_stride == dst_stride && src_stride >= 0) {
     // One block copy, the bytes between `width` and the stride (of the last row too)
-    // included: the destination must hold src_stride * height bytes. Equal strides of 0 or
-    // less (bottom-up planes) have no block to copy and go row by row below.
+    // included: the destination must hold src_stride * height bytes, none for a stride of 0.
+    // Equal negative strides (bottom-up planes) have no block to copy and go row by row below.
     std::memcpy(dst, src, static_cast<size_t>(src_stride) * static_cast<size_t>(height));
     return;
   }

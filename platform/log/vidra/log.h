@@ -66,6 +66,10 @@ VIDRA_LOG_EXPORT bool handleAssertion(const char* file, int line, const char* fu
                                       const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
+// Stops in the debugger (SIGTRAP); a debugger can continue from it. Without a debugger the
+// signal's default action ends the process, which is what a host that asks for breaks wants.
+VIDRA_LOG_EXPORT void debugBreak();
+
 // Text of a failed comparison check: "<expression> (<a> vs. <b>)".
 template <typename A, typename B>
 std::string MakeCheckOpString(const A& a, const B& b, const char* expression) {
@@ -104,53 +108,53 @@ VIDRA_LOG_EXPORT void setAssertionBreaks(bool breaks);
 // ---- Log and check sites ------------------------------------------------------------------
 
 // A static per-site slot, -1 at load, touched only by the logging library.
-#define VIDRA_LOG_SITE_ \
-  ([]() -> int* {       \
+#define VIDRA_LOG_SITE_   \
+  ([]() -> int* {         \
     static int site = -1; \
-    return &site;       \
+    return &site;         \
   }())
 
 // Stream site: `VIDRA_LOG(7, "mjpeg") << "text " << value;` builds nothing when disabled.
-#define VIDRA_LOG(level, channel)                                                           \
-  if (!::vidra::isLoggerEnabled((level), (channel))) {                                      \
-  } else                                                                                    \
-    ::vidra::LoggingStream(nullptr, (level), (channel), __FILE__, __PRETTY_FUNCTION__,      \
-                           __LINE__, VIDRA_LOG_SITE_)
+#define VIDRA_LOG(level, channel)                                                                \
+  if (!::vidra::isLoggerEnabled((level), (channel))) {                                           \
+  } else                                                                                         \
+    ::vidra::LoggingStream(nullptr, (level), (channel), __FILE__, __PRETTY_FUNCTION__, __LINE__, \
+                           VIDRA_LOG_SITE_)
 
 // printf site, followed by the break step: a host that asks for it gets a debugger break.
-#define VIDRA_LOGF(level, channel, ...)                                                        \
-  do {                                                                                         \
-    if (::vidra::isLoggerEnabled((level), (channel))) {                                        \
-      ::vidra::logToLogger(nullptr, (level), (channel), __FILE__, __PRETTY_FUNCTION__,         \
-                           __LINE__, VIDRA_LOG_SITE_, __VA_ARGS__);                            \
-      if (::vidra::loggerMustBreak((level), (channel)) &&                                      \
-          ::vidra::handleAssertion(__FILE__, __LINE__, __PRETTY_FUNCTION__,                    \
-                                   "Assertion failed: Reached terminating log level. "         \
-                                   "Terminating\n")) {                                         \
-        __builtin_trap();                                                                      \
-      }                                                                                        \
-    }                                                                                          \
+#define VIDRA_LOGF(level, channel, ...)                                                          \
+  do {                                                                                           \
+    if (::vidra::isLoggerEnabled((level), (channel))) {                                          \
+      ::vidra::logToLogger(nullptr, (level), (channel), __FILE__, __PRETTY_FUNCTION__, __LINE__, \
+                           VIDRA_LOG_SITE_, __VA_ARGS__);                                        \
+      if (::vidra::loggerMustBreak((level), (channel)) &&                                        \
+          ::vidra::handleAssertion(__FILE__, __LINE__, __PRETTY_FUNCTION__,                      \
+                                   "Assertion failed: Reached terminating log level. "           \
+                                   "Terminating\n")) {                                           \
+        ::vidra::debugBreak();                                                                   \
+      }                                                                                          \
+    }                                                                                            \
   } while (0)
 
 // Plain check: logs "Check failed <expression> " at level 1 on channel "check" and goes on.
-#define VIDRA_CHECK(condition)                                \
-  do {                                                        \
-    if (!(condition)) {                                       \
+#define VIDRA_CHECK(condition)                                 \
+  do {                                                         \
+    if (!(condition)) {                                        \
       VIDRA_LOG(1, "check") << "Check failed " #condition " "; \
-    }                                                         \
+    }                                                          \
   } while (0)
 
 // Comparison check: logs "Check failed: a op b (va vs. vb) " at level 1 on channel "check"
 // and goes on.
-#define VIDRA_CHECK_OP_(op, a, b)                                                         \
-  do {                                                                                    \
-    const int vidra_check_a_ = (a);                                                       \
-    const int vidra_check_b_ = (b);                                                       \
-    if (!(vidra_check_a_ op vidra_check_b_)) {                                            \
-      const std::string vidra_check_text_ = ::vidra::MakeCheckOpString<int, int>(         \
-          vidra_check_a_, vidra_check_b_, #a " " #op " " #b);                             \
-      VIDRA_LOG(1, "check") << "Check failed: " << vidra_check_text_ << " ";              \
-    }                                                                                     \
+#define VIDRA_CHECK_OP_(op, a, b)                                                                  \
+  do {                                                                                             \
+    const int vidra_check_a_ = (a);                                                                \
+    const int vidra_check_b_ = (b);                                                                \
+    if (!(vidra_check_a_ op vidra_check_b_)) {                                                     \
+      const std::string vidra_check_text_ =                                                        \
+          ::vidra::MakeCheckOpString<int, int>(vidra_check_a_, vidra_check_b_, #a " " #op " " #b); \
+      VIDRA_LOG(1, "check") << "Check failed: " << vidra_check_text_ << " ";                       \
+    }                                                                                              \
   } while (0)
 #define VIDRA_CHECK_LE(a, b) VIDRA_CHECK_OP_(<=, a, b)
 #define VIDRA_CHECK_LT(a, b) VIDRA_CHECK_OP_(<, a, b)
