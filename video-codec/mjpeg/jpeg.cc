@@ -40,14 +40,24 @@ const int32_t kAANScales[64] = {
 
 SimpleJPEGDecoder::SimpleJPEGDecoder() {
   // The lookup tables exist, all empty, from the start: a table that no DHT segment defines
-  // makes the kernel stop at its first lookup instead of reading through a null pointer.
-  for (int i = 0; i < 4; ++i) {
-    dc_huffman_tables_[i] = new ACHuffmanTable;
-    dc_huffman_tables_[i]->entries_.reserve(1024);
-    dc_huffman_tables_[i]->entries_.resize(512, 0);
-    ac_huffman_tables_[i] = new ACHuffmanTable;
-    ac_huffman_tables_[i]->entries_.reserve(1024);
-    ac_huffman_tables_[i]->entries_.resize(512, 0);
+  // makes the kernel stop at its first lookup instead of reading through a null pointer. An
+  // allocation that fails part way releases the tables made so far before it goes on to the
+  // caller (the destructor doesn't run for an object whose constructor threw).
+  try {
+    for (int i = 0; i < 4; ++i) {
+      dc_huffman_tables_[i] = new ACHuffmanTable;
+      dc_huffman_tables_[i]->entries_.reserve(1024);
+      dc_huffman_tables_[i]->entries_.resize(512, 0);
+      ac_huffman_tables_[i] = new ACHuffmanTable;
+      ac_huffman_tables_[i]->entries_.reserve(1024);
+      ac_huffman_tables_[i]->entries_.resize(512, 0);
+    }
+  } catch (...) {
+    for (int i = 0; i < 4; ++i) {
+      delete dc_huffman_tables_[i];
+      delete ac_huffman_tables_[i];
+    }
+    throw;
   }
 }
 
@@ -56,7 +66,13 @@ SimpleJPEGDecoder::~SimpleJPEGDecoder() {
     delete dc_huffman_tables_[i];
     delete ac_huffman_tables_[i];
   }
-  for (Channel& channel : channels_) delete[] channel.image_;
+  // The planes of allocateImages all lie in plane_block_; only planes installed one by one,
+  // without it, are arrays of their own.
+  if (plane_block_ != nullptr) {
+    delete[] plane_block_;
+  } else {
+    for (Channel& channel : channels_) delete[] channel.image_;
+  }
   // bad_mcus_ and then mcu_blocks_ go with the members, in reverse order of declaration.
 }
 
@@ -176,6 +192,13 @@ bool SimpleJPEGDecoder::parseSOF0(JPEGBuffer* input) {
 }
 
 void SimpleJPEGDecoder::allocateImages() {
+  // First the geometry of every named slot, then one block for all planes, laid out one after
+  // the other in slot order. parseSOS has made sure that each stride_ x height_ fits an int32;
+  // products and the sum are formed in size_t all the same. The planes are not cleared: the
+  // kernel writes every sample of the blocks that the scan names, and parseSOS clears the
+  // planes that it doesn't name.
+  bool any_named = false;
+  size_t total_bytes = 0;
   for (int i = 0; i < kMaxComponents; ++i) {
     const Component& component = header_.components_[i];
     if (component.component_id_ < 0) continue;
@@ -184,11 +207,26 @@ void SimpleJPEGDecoder::allocateImages() {
     channel.stride_ = channel.mcu_width_ * mcus_x_;
     channel.mcu_row_size_ = channel.stride_ * 8 * component.v1_;
     channel.height_ = mcus_y_ * 8 * component.v1_;
-    // parseSOS has made sure that stride_ x height_ fits an int32; the product is formed
-    // in size_t all the same. The plane is not cleared: the kernel writes every sample of
-    // the blocks that the scan names, and parseSOS clears the planes that it doesn't name.
-    delete[] channel.image_;
-    channel.image_ = new uint8_t[static_cast<size_t>(channel.stride_) * channel.height_];
+    total_bytes += static_cast<size_t>(channel.stride_) * channel.height_;
+    any_named = true;
+  }
+  // Without a frame header no slot is named and there is nothing to allocate.
+  if (!any_named) return;
+  // A decoder allocates its planes once; should this run again, all earlier planes go first,
+  // whether they lie in a block or were set up one by one.
+  if (plane_block_ == nullptr) {
+    for (Channel& channel : channels_) delete[] channel.image_;
+  }
+  delete[] plane_block_;
+  plane_block_ = nullptr;
+  for (Channel& channel : channels_) channel.image_ = nullptr;
+  plane_block_ = new uint8_t[total_bytes];
+  size_t offset = 0;
+  for (int i = 0; i < kMaxComponents; ++i) {
+    if (header_.components_[i].component_id_ < 0) continue;
+    Channel& channel = channels_[i];
+    channel.image_ = plane_block_ + offset;
+    offset += static_cast<size_t>(channel.stride_) * channel.height_;
   }
 }
 
@@ -257,12 +295,13 @@ bool SimpleJPEGDecoder::parseSOS(JPEGBuffer* input) {
 
   // Plane sizes, before anything is allocated. Every plane is addressed with int32 sizes and
   // offsets, and a header of 65535x65535 would ask for 4 GiB per plane: a plane whose byte
-  // count doesn't fit an int32 is refused. Large frames are further only decoded when the rest
-  // of the input can carry them: every block takes at least two bits of entropy data (a
-  // one-bit DC code and a one-bit end of block), so a frame of more than four blocks per
-  // remaining byte can't be real, and a few bytes of hostile input must not make the decoder
-  // allocate hundreds of MiB. Small frames always go through, so that truncated ones are
-  // concealed rather than refused.
+  // count doesn't fit an int32 is refused. A large frame (over 32 MiB of planes, the planes
+  // that the scan doesn't name included, since they are allocated and cleared too) is further
+  // refused when it has fewer input bytes left than a quarter of its blocks: decoding a block
+  // takes at least two bits (a one-bit DC code and a one-bit end of block), so such a frame
+  // could decode only a sliver of its MCUs and would end false by the 80% rule anyway, and a
+  // few bytes of hostile input must not make the decoder allocate hundreds of MiB first.
+  // Smaller frames always go through, so that truncated ones are concealed, not refused.
   int64_t frame_bytes = 0;
   int64_t frame_blocks = 0;
   for (const Component& component : header_.components_) {
@@ -338,8 +377,10 @@ bool SimpleJPEGDecoder::parseSOS(JPEGBuffer* input) {
   }
 
   size_t consumed_length = 0;
-  JPEG_CHECK(decodeEntropyData((const uint8_t*)input->getData(0), input->getRemainingBytes(),
-                               &consumed_length));
+  // The check stands on one line, so that every compiler reports the same line number.
+  // clang-format off
+  JPEG_CHECK(decodeEntropyData((const uint8_t*)input->getData(0), input->getRemainingBytes(), &consumed_length));
+  // clang-format on
   VIDRA_LOG(7, "mjpeg") << "Read " << consumed_length << " bytes of entropy data.";
   VIDRA_CHECK(input->getData(consumed_length));
   return true;

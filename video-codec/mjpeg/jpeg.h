@@ -40,7 +40,7 @@ struct Header {
 
 // The decoder's plane of one component: whole MCUs wide and high.
 struct Channel {
-  uint8_t* image_ = nullptr;  // owned, new[] / delete[]
+  uint8_t* image_ = nullptr;  // into the decoder's plane_block_ (see there)
   int32_t stride_ = 0;        // bytes per row, also the plane's width
   int32_t height_ = 0;        // rows
   int32_t mcu_width_ = 0;     // samples across one MCU
@@ -102,8 +102,8 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   // The decoder's state is public so that tests can look at every stage.
   Header header_;
   QuantizationTable quantization_tables_[4];
-  ACHuffmanTable* dc_huffman_tables_[4];
-  ACHuffmanTable* ac_huffman_tables_[4];
+  ACHuffmanTable* dc_huffman_tables_[4] = {};
+  ACHuffmanTable* ac_huffman_tables_[4] = {};
   int32_t restart_interval_ = -1;
   int32_t mcus_x_ = 0;
   int32_t mcus_y_ = 0;
@@ -113,6 +113,12 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   bool dht_seen_ = false;
   std::vector<uint8_t> bad_mcus_;
   int32_t valid_mcus_ = 0;
+  // One new[] block that holds the planes of all channels, made by allocateImages and released
+  // by the destructor. One block instead of one per plane keeps the heap from handing the
+  // memory back to the system after every frame and faulting it in again for the next one.
+  // When it is null, every non-null image_ is a new[] array of its own that the destructor
+  // releases (planes set up channel by channel, as tests do).
+  uint8_t* plane_block_ = nullptr;
 };
 
 }  // namespace jpeg

@@ -116,7 +116,7 @@ VIDRA_ALWAYS_INLINE void reconstructWith(const typename Reconstruction::Constant
 // the most significant byte, of which the low `bits_left` bits are still unread; a refill, made
 // only when 32 or fewer bits are left, reloads eight bytes at `cursor` (four bytes further on
 // than the last load), so the next bit stays where it was. The kernel keeps the unread bits
-// left-aligned in `bits` (the next bit in bit 63, zeros below the last unread bit), so that a
+// left-aligned in `reservoir` (the next bit in bit 63, zeros below the last unread bit), so that a
 // peek is one shift by a constant and a consumption one shift by the length: that keeps the
 // dependency chain from one symbol to the next short. `bits_left` is only counted for the
 // refill test.
@@ -149,7 +149,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   // Last cursor position from which an 8-byte load stays inside the buffer.
   const uint8_t* const refill_limit = data + (end_address - data_address - 8);
 
-  uint64_t bits = loadBigEndian64(data);
+  uint64_t reservoir = loadBigEndian64(data);
   unsigned bits_left = 64;
   const uint8_t* cursor = data + 4;
 
@@ -171,20 +171,20 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   clearBlock(coefficients);
 
 // The next `n` bits (1..32, a constant) without consuming them.
-#define VIDRA_KERNEL_PEEK(n) static_cast<uint32_t>(bits >> (64 - (n)))
+#define VIDRA_KERNEL_PEEK(n) static_cast<uint32_t>(reservoir >> (64 - (n)))
 // The next `n` bits, 0..15 of them, without consuming them (0 bits read as 0).
-#define VIDRA_KERNEL_PEEK_VARIABLE(n) static_cast<uint32_t>((bits >> 1) >> (63 - (n)))
+#define VIDRA_KERNEL_PEEK_VARIABLE(n) static_cast<uint32_t>((reservoir >> 1) >> (63 - (n)))
 #define VIDRA_KERNEL_CONSUME(n) \
   do {                          \
     const unsigned count = (n); \
-    bits <<= count;             \
+    reservoir <<= count;        \
     bits_left -= count;         \
   } while (0)
 #define VIDRA_KERNEL_REFILL()                                    \
   do {                                                           \
     if (bits_left <= 32) {                                       \
       if (__builtin_expect(cursor > refill_limit, 0)) goto done; \
-      bits = loadBigEndian64(cursor) << (32 - bits_left);        \
+      reservoir = loadBigEndian64(cursor) << (32 - bits_left);   \
       cursor += 4;                                               \
       bits_left += 32;                                           \
     }                                                            \
@@ -259,7 +259,9 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
           if (k >= 63) break;
         }
       }
-      Reconstruction::reconstruct(constants, coefficients, position_mask, k, dest, block->stride_);
+      const unsigned last_position = k;  // 0 exactly when the first AC symbol ended the block
+      Reconstruction::reconstruct(constants, coefficients, position_mask, last_position, dest,
+                                  block->stride_);
       clearBlock(coefficients);
       ++block;
     } while (--blocks_left != 0);
