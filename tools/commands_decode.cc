@@ -35,8 +35,9 @@ constexpr char kDecodeHelp[] =
     "Frames the library refuses are replaced by the previous picture as well (grey at the\n"
     "start), so that the output keeps the input's timing.\n"
     "\n"
-    "The summary counts frames as the library reports them: 'decoded' frames were accepted,\n"
-    "which includes frames whose damaged MCUs were concealed (the library doesn't say which);\n"
+    "The summary counts frames as the library reports them: 'decoded' frames were accepted\n"
+    "clean; 'concealed' frames were accepted with damaged MCUs concealed (more than 80% of\n"
+    "the MCUs decoded; the library's own decoder only, the turbo path doesn't say);\n"
     "'failed' frames were written with concealment but too few of their MCUs decoded;\n"
     "'refused' frames were not decoded at all.\n"
     "\n"
@@ -46,11 +47,11 @@ constexpr char kDecodeHelp[] =
     "  vidra-mjpeg decode frame.jpg --png 0 --png-file frame.png\n"
     "  vidra-mjpeg decode damaged.mjpeg --verbose\n"
     "\n"
-    "exit status: 0 all frames decoded, 1 some frames failed or were refused (or the input\n"
-    "broke off), 2 usage or I/O error.\n";
+    "exit status: 0 all frames decoded or concealed, 1 some frames failed or were refused (or\n"
+    "the input broke off), 2 usage or I/O error.\n";
 
 struct DecodeStats {
-  int64_t frames = 0, decoded = 0, failed = 0, refused = 0;
+  int64_t frames = 0, decoded = 0, concealed = 0, failed = 0, refused = 0;
   int64_t cut_short = 0, not_written = 0;
   uint64_t junk_bytes = 0;
   double decode_seconds = 0;
@@ -97,8 +98,16 @@ void printSummary(const DecodeStats& stats, const FrameReader& reader, bool turb
                   const VideoWriter* writer, const std::string& read_error) {
   std::fprintf(stderr, "%s: %s, %lld frames, %s\n", reader.path().c_str(), reader.kind().c_str(),
                static_cast<long long>(stats.frames), sizesText(stats).c_str());
-  std::fprintf(stderr, "  decoded    %8lld  accepted by the library (concealed damage included)\n",
-               static_cast<long long>(stats.decoded));
+  // Only the library's own decoder tells concealed frames apart (see decodeFrame).
+  std::fprintf(stderr, "  decoded    %8lld  accepted by the library, %s\n",
+               static_cast<long long>(stats.decoded),
+               !turbo && ownDecoderAvailable()
+                   ? "clean"
+                   : "damaged ones included (the turbo path can't tell)");
+  if (stats.concealed) {
+    std::fprintf(stderr, "  concealed  %8lld  accepted, with damaged MCUs concealed\n",
+                 static_cast<long long>(stats.concealed));
+  }
   if (stats.failed) {
     std::fprintf(stderr, "  failed     %8lld  written with concealment, but too few MCUs decoded\n",
                  static_cast<long long>(stats.failed));
@@ -295,6 +304,9 @@ int runDecode(int argc, char** argv, int first) {
       case Outcome::kDecoded:
         ++stats.decoded;
         break;
+      case Outcome::kConcealed:
+        ++stats.concealed;
+        break;
       case Outcome::kFailed:
         ++stats.failed;
         break;
@@ -302,7 +314,7 @@ int runDecode(int argc, char** argv, int first) {
         ++stats.refused;
         break;
     }
-    if (outcome != Outcome::kDecoded) {
+    if (outcome == Outcome::kFailed || outcome == Outcome::kRefused) {
       // The library logs no line when a frame falls short of 80% clean MCUs.
       const char* unlogged = outcome == Outcome::kFailed
                                  ? "(none logged: fewer than 80% of the MCUs decoded cleanly)"

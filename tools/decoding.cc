@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "jpeg.h"
 #include "vidra/cpu_info.h"
 #include "vidra/mjpeg.h"
 
@@ -12,6 +13,8 @@ const char* outcomeName(Outcome outcome) {
   switch (outcome) {
     case Outcome::kDecoded:
       return "decoded";
+    case Outcome::kConcealed:
+      return "concealed";
     case Outcome::kFailed:
       return "failed";
     case Outcome::kRefused:
@@ -66,14 +69,34 @@ Outcome decodeFrame(const uint8_t* data, size_t size, bool insert_dht, I420Image
     marks.add(&image->v[static_cast<size_t>(ch - 1) * cs + cw - 1], 0xD4);
     marks.add(&image->u[static_cast<size_t>(ch / 2) * cs + cw / 2], 0x9E);
   }
+  // decompressMJPEG returns only true or false, which doesn't tell a clean frame from one whose
+  // damaged MCUs were concealed. The library exports its decoder class, so where it would pick
+  // its own decoder the tool runs that class itself, with the same arguments, and afterwards
+  // reads which MCUs failed. The choice follows decompressMJPEG's rule: the force flag, read
+  // as the library reads it, else SSSE3 + SSE4.1 on this CPU (the same probe, the same
+  // VIDRA_CPU_MASK). The library also passes only the low 32 bits of the size on.
+  const uint32_t size32 = static_cast<uint32_t>(size);
+  const bool own =
+      !__atomic_load_n(&jpeg::g_force_use_jt_decoder, __ATOMIC_RELAXED) && ownDecoderAvailable();
+  bool ok = false, concealed = false;
   const auto start = std::chrono::steady_clock::now();
-  const bool ok = jpeg::decompressMJPEG(data, size, w, h, insert_dht, image->y.data(),
-                                        image->yStride(), image->u.data(), cs, image->v.data(), cs);
+  if (own) {
+    jpeg::SimpleJPEGDecoder decoder;
+    ok = decoder.decompress(data, size32, w, h, insert_dht, image->y.data(), image->yStride(),
+                            image->u.data(), cs, image->v.data(), cs);
+    concealed = !decoder.bad_mcus_.empty();
+  } else {
+    ok = jpeg::decompressMJPEG(data, size, w, h, insert_dht, image->y.data(), image->yStride(),
+                               image->u.data(), cs, image->v.data(), cs);
+  }
   *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (ok) {
     image->completeChroma();
-    return Outcome::kDecoded;
+    return concealed ? Outcome::kConcealed : Outcome::kDecoded;
   }
+  // The own decoder writes the planes only once the whole frame is parsed, and then returns
+  // false only for too few clean MCUs: a changed mark means exactly that case. On the turbo
+  // path the marks tell in the same way whether the planes were written before the false.
   if (marks.untouched()) return Outcome::kRefused;
   image->completeChroma();
   return Outcome::kFailed;

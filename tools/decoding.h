@@ -12,11 +12,12 @@ namespace vidra {
 namespace tool {
 
 // What became of a frame. The library returns true for frames whose damaged MCUs it concealed
-// (when more than 80% of the MCUs decoded cleanly), so kDecoded includes concealed frames: the
-// public interface doesn't say which. A false result comes in two kinds that the tool tells
-// apart by looking at the planes: written with concealment but too damaged (kFailed), or not
-// written at all (kRefused).
-enum class Outcome { kDecoded, kFailed, kRefused };
+// (when more than 80% of the MCUs decoded cleanly): where its own decoder runs, the tool sees
+// those through the decoder object and counts them as kConcealed, so kDecoded means clean.
+// On the turbo path the tool can't tell, and every accepted frame is kDecoded. A false result
+// comes in two kinds: written with concealment but too damaged (kFailed), or not written at
+// all (kRefused).
+enum class Outcome { kDecoded, kConcealed, kFailed, kRefused };
 
 const char* outcomeName(Outcome outcome);
 
@@ -30,7 +31,7 @@ inline bool frameSizeUsable(int width, int height) {
 // Decodes `size` bytes at `data` into `image`, which the caller has sized from the frame's
 // header (getJPEGImageSize). `insert_dht` is passed on to the library (the turbo path needs it
 // for frames without Huffman tables). Completes the chroma of odd sizes. `seconds` receives
-// the time spent inside decompressMJPEG.
+// the time spent inside the library's decoder.
 Outcome decodeFrame(const uint8_t* data, size_t size, bool insert_dht, I420Image* image,
                     double* seconds);
 

@@ -11,6 +11,7 @@
 
 #include "support/test_support.h"
 #include "tool/tool_test_support.h"
+#include "vidra/cpu_info.h"
 
 namespace vidra {
 namespace test {
@@ -216,6 +217,18 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
     EXPECT_EQ(countOf(bench.out, decoder), 2) << decoder;
   }
   EXPECT_EQ(countOf(bench.out, "      2 "), 8) << bench.out;  // a 2-thread row per decoder
+}
+
+// A frame with flipped bits that the library's own decoder accepts with a few MCUs concealed:
+// the tool counts it apart from clean frames, and it still counts as accepted (exit 0).
+TEST(ToolCommandTest, CountsConcealedFramesApartFromCleanOnes) {
+  VIDRA_REQUIRE_CORPUS(corpusFiles("damaged"), "damaged");
+  // The tool picks the own decoder by the same probe (VIDRA_CPU_MASK included) as this test.
+  if (!CPUInfo().supports_fast_decoder()) {
+    GTEST_SKIP() << "the own decoder doesn't run here (SSSE3/SSE4.1 missing or masked)";
+  }
+  check({"decode", corpusDir() + "/damaged/flip-again-00.jpg", "-v"}, 0, {},
+        {summary("decoded", 0), summary("concealed", 1), ": concealed in "});
 }
 
 // The demo's clip, and the stream it saves: encoded as a webcam sends frames.
