@@ -2,13 +2,15 @@
 # One entry point for people and CI.
 #   ./build.sh demo   install what is missing, build, and run the built-in demo
 #   ./build.sh test   install what is missing, build, and run the whole test suite three times:
-#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden
+#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden; then the
+#                     concurrency test under ThreadSanitizer and a 60 s fuzzing run
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
-          libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev)
+          libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
+          clang libclang-rt-14-dev)
 
 install_deps() {
   local missing=()
@@ -48,6 +50,23 @@ case "${1:-demo}" in
     build asan
     echo "== tests under AddressSanitizer + UBSan =="
     ctest --preset asan
+    build tsan
+    echo "== concurrent decodes under ThreadSanitizer =="
+    TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/hardening_test --gtest_filter='*Concurrent*'
+    build fuzz
+    echo "== fuzzing both decoder paths for 60 s =="
+    fuzz_corpus=$(mktemp -d)
+    trap 'rm -rf "$fuzz_corpus"' EXIT
+    # Seeds from every corpus folder; the folder name goes in front, since names repeat.
+    for seed in ../shared/corpus/*/*.jpg; do
+      [ -e "$seed" ] || continue
+      cp "$seed" "$fuzz_corpus/$(basename "$(dirname "$seed")")-$(basename "$seed")"
+    done
+    mkdir -p build/fuzz/artifacts
+    # A crash, a leak or an input that takes over 10 s ends the run with an error; the input is
+    # kept in build/fuzz/artifacts/.
+    ./build/fuzz/fuzz/decode_fuzzer -max_total_time=60 -timeout=10 -rss_limit_mb=4096 \
+      -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
     ;;
   *)
     echo "usage: $0 [demo|test|deps]" >&2
