@@ -47,9 +47,6 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
-    build asan
-    echo "== tests under AddressSanitizer + UBSan =="
-    ctest --preset asan
     build tsan
     echo "== concurrent decodes under ThreadSanitizer =="
     TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/hardening_test --gtest_filter='*Concurrent*'
@@ -67,6 +64,10 @@ case "${1:-demo}" in
     # kept in build/fuzz/artifacts/.
     ./build/fuzz/fuzz/decode_fuzzer -max_total_time=60 -timeout=10 -rss_limit_mb=4096 \
       -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
+    # Last, so that the run closes on the test runner's summary.
+    build asan
+    echo "== tests under AddressSanitizer + UBSan =="
+    ctest --preset asan
     ;;
   *)
     echo "usage: $0 [demo|test|deps]" >&2
