@@ -257,13 +257,7 @@ int runDecode(int argc, char** argv, int first) {
 
   while (true) {
     Frame frame;
-    try {
-      if (!reader->next(&frame)) break;
-    } catch (const ToolError& error) {
-      if (error.code() != kExitFrames) throw;
-      read_error = error.what();
-      break;
-    }
+    if (!reader->nextOrStop(&frame, &read_error)) break;
     ++stats.frames;
     stats.junk_bytes += frame.junk_before;
     if (frame.cut_short) {

@@ -128,13 +128,7 @@ int runInfo(int argc, char** argv, int first) {
   }
   while (true) {
     Frame frame;
-    try {
-      if (!reader->next(&frame)) break;
-    } catch (const ToolError& error) {
-      if (error.code() != kExitFrames) throw;
-      read_error = error.what();
-      break;
-    }
+    if (!reader->nextOrStop(&frame, &read_error)) break;
     ++frames;
     junk += frame.junk_before;
     cut_short += frame.cut_short;

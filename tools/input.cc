@@ -431,6 +431,16 @@ std::unique_ptr<FrameReader> FrameReader::open(const std::string& path) {
                       "(no SOI marker in it, and FFmpeg finds no video in it)");
 }
 
+bool FrameReader::nextOrStop(Frame* frame, std::string* read_error) {
+  try {
+    return next(frame);
+  } catch (const ToolError& error) {
+    if (error.code() != kExitFrames) throw;
+    *read_error = error.what();
+    return false;
+  }
+}
+
 std::string FrameReader::where(const Frame& frame) {
   char text[64];
   if (frame.time_seconds >= 0) {

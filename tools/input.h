@@ -68,6 +68,9 @@ class FrameReader {
 
   // The next frame; false at the end of the input. Throws ToolError when reading fails.
   virtual bool next(Frame* frame) = 0;
+  // next(), but a failed read (a file cut short, a damaged container) ends the input like its
+  // end does, with the reason in `*read_error`; errors of other kinds (usage, I/O) still throw.
+  bool nextOrStop(Frame* frame, std::string* read_error);
   // "JPEG file", "raw MJPEG stream", "AVI file (MJPEG track #0)", ...
   virtual std::string kind() const = 0;
   // Share of the input consumed, 0..1 (for the progress bar).
