@@ -180,8 +180,12 @@ void BM_Path(benchmark::State& state, const std::string& folder) {
                          benchmark::Counter::kIsRate);
 }
 
-// Both paths on the same frame, one after the other, every iteration.
-void BM_Interleaved(benchmark::State& state, const std::string& folder) {
+// Both paths in turn under the same machine conditions. Each iteration decodes `step` frames
+// with the library, then the same frames with TurboJPEG: one frame (Interleaved), or a whole
+// pass over the corpus (InterleavedPasses), so that each path runs with the caches and branch
+// history that decoding a stream with one decoder leaves, as in an application that uses one of
+// them.
+void interleaved(benchmark::State& state, const std::string& folder, bool whole_passes) {
   const Corpus& c = corpus(folder);
   if (c.frames.empty()) {
     state.SkipWithError("corpus folder not found");
@@ -191,23 +195,25 @@ void BM_Interleaved(benchmark::State& state, const std::string& folder) {
   TurboPath turbo(c.width, c.height, c.subsampling);
   using Clock = std::chrono::steady_clock;
   Clock::duration library_time{}, turbo_time{};
-  size_t i = 0;
+  const size_t count = c.frames.size();
+  const size_t step = whole_passes ? count : 1;
+  size_t first = 0;
   double frames = 0;
   for (auto _ : state) {
-    const std::vector<uint8_t>& frame = c.frames[i];
+    bool ok = true;
     const Clock::time_point t0 = Clock::now();
-    const bool library_ok = library.decode(frame);
+    for (size_t i = 0; i < step; ++i) ok &= library.decode(c.frames[(first + i) % count]);
     const Clock::time_point t1 = Clock::now();
-    const bool turbo_ok = turbo.decode(frame);
+    for (size_t i = 0; i < step; ++i) ok &= turbo.decode(c.frames[(first + i) % count]);
     const Clock::time_point t2 = Clock::now();
-    if (!library_ok || !turbo_ok) {
+    if (!ok) {
       state.SkipWithError("a frame failed to decode");
       return;
     }
     library_time += t1 - t0;
     turbo_time += t2 - t1;
-    frames += 1;
-    if (++i == c.frames.size()) i = 0;
+    frames += static_cast<double>(step);
+    first = (first + step) % count;
   }
   const double library_seconds = std::chrono::duration<double>(library_time).count();
   const double turbo_seconds = std::chrono::duration<double>(turbo_time).count();
@@ -216,41 +222,12 @@ void BM_Interleaved(benchmark::State& state, const std::string& folder) {
   state.counters["ratio"] = turbo_seconds / library_seconds;
 }
 
-// Both paths in alternating passes over the corpus: every iteration decodes all frames with
-// the library, then all frames with TurboJPEG. Each path runs with the caches and branch
-// history that decoding a stream with one decoder leaves, as in an application that uses one
-// of them; alternating passes still keeps both under the same machine conditions.
+void BM_Interleaved(benchmark::State& state, const std::string& folder) {
+  interleaved(state, folder, false);
+}
+
 void BM_InterleavedPasses(benchmark::State& state, const std::string& folder) {
-  const Corpus& c = corpus(folder);
-  if (c.frames.empty()) {
-    state.SkipWithError("corpus folder not found");
-    return;
-  }
-  LibraryPath library(c.width, c.height);
-  TurboPath turbo(c.width, c.height, c.subsampling);
-  using Clock = std::chrono::steady_clock;
-  Clock::duration library_time{}, turbo_time{};
-  double frames = 0;
-  for (auto _ : state) {
-    bool ok = true;
-    const Clock::time_point t0 = Clock::now();
-    for (const std::vector<uint8_t>& frame : c.frames) ok &= library.decode(frame);
-    const Clock::time_point t1 = Clock::now();
-    for (const std::vector<uint8_t>& frame : c.frames) ok &= turbo.decode(frame);
-    const Clock::time_point t2 = Clock::now();
-    if (!ok) {
-      state.SkipWithError("a frame failed to decode");
-      return;
-    }
-    library_time += t1 - t0;
-    turbo_time += t2 - t1;
-    frames += static_cast<double>(c.frames.size());
-  }
-  const double library_seconds = std::chrono::duration<double>(library_time).count();
-  const double turbo_seconds = std::chrono::duration<double>(turbo_time).count();
-  setRates(state, c, frames, library_seconds, "lib_");
-  setRates(state, c, frames, turbo_seconds, "tj_");
-  state.counters["ratio"] = turbo_seconds / library_seconds;
+  interleaved(state, folder, true);
 }
 
 // The entropy stage alone (de-stuffing, kernel, reconstruction into the decoder's planes), on
