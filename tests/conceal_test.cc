@@ -23,18 +23,25 @@ using test::LogCapture;
 
 constexpr uint8_t kUntouched = 0xA5;
 constexpr int kStride = 20;  // wider than 16, so that bytes right of the rectangle show
-// Widths of the scalar path (below 16) and of the dispatched one (16).
-const int kWidths[] = {1, 8, 15, 16};
 
-// interpolateRange() on at least 8 rows of kStride bytes that start out as kUntouched.
-std::vector<uint8_t> interpolate(int w, int h, const std::vector<uint8_t>& top,
-                                 const std::vector<uint8_t>& bottom) {
-  std::vector<uint8_t> out(static_cast<size_t>(std::max(h, 8)) * kStride, kUntouched);
-  interpolateRange(out.data(), w, h, kStride, top.data(), bottom.data());
-  return out;
+// Runs interpolateRange() for the widths of the scalar path (below 16) and of the dispatched one
+// (16) on at least 8 rows of kStride bytes that start out as kUntouched, and compares rows
+// first..first + rows - 1 with want(x, y) left of the width and kUntouched right of it.
+template <typename Want>
+void expectRows(int h, const std::vector<uint8_t>& top, const std::vector<uint8_t>& bottom,
+                int first, int rows, Want want) {
+  for (int w : {1, 8, 15, 16}) {
+    std::vector<uint8_t> out(static_cast<size_t>(std::max(h, 8)) * kStride, kUntouched);
+    interpolateRange(out.data(), w, h, kStride, top.data(), bottom.data());
+    for (int y = first; y < first + rows; ++y) {
+      for (int x = 0; x < kStride; ++x) {
+        ASSERT_EQ(out[y * kStride + x], x < w ? want(x, y) : kUntouched)
+            << int(top[x % 16]) << "->" << int(bottom[x % 16]) << " h " << h << " w " << w
+            << " row " << y << " column " << x;
+      }
+    }
+  }
 }
-
-std::vector<uint8_t> row16(uint8_t value) { return std::vector<uint8_t>(16, value); }
 
 // Rows from row `first` on. h = 8 stops short of `bottom`. Differences of one: the shift rounds
 // halves upwards, also for negative differences, so +1 turns at weight 128 and -1 only above
@@ -53,14 +60,8 @@ TEST(InterpolateRange, LiteralRows) {
                         {129, 51, 50, 63, {51, 51, 50}},
                         {1, 30, 90, 0, {30, 0xA5}}};
   for (const Case& c : cases) {
-    for (int w : kWidths) {
-      const std::vector<uint8_t> out = interpolate(w, c.h, row16(c.top), row16(c.bottom));
-      for (int i = 0; i < static_cast<int>(c.rows.size()) * kStride; ++i) {
-        ASSERT_EQ(out[c.first * kStride + i], i % kStride < w ? c.rows[i / kStride] : kUntouched)
-            << c.top << "->" << c.bottom << " h " << c.h << " w " << w << " row "
-            << c.first + i / kStride << " column " << i % kStride;
-      }
-    }
+    expectRows(c.h, std::vector<uint8_t>(16, c.top), std::vector<uint8_t>(16, c.bottom), c.first,
+               int(c.rows.size()), [&](int, int y) { return c.rows[y - c.first]; });
   }
 }
 
@@ -79,20 +80,11 @@ TEST(InterpolateRange, StepAndLastWeightFollowTheHeight) {
     top[x] = static_cast<uint8_t>((x & 1) ? 255 - x : x);
     bottom[x] = static_cast<uint8_t>((x & 1) ? x : 255 - x);
   }
-  auto expected = [&](int x, int weight) {
-    return top[x] + (((bottom[x] - top[x]) * weight + 128) >> 8);
-  };
   for (const Case& c : cases) {
-    for (int w : kWidths) {
-      const std::vector<uint8_t> out = interpolate(w, c.h, top, bottom);
-      for (int y = 0; y < c.h; ++y) {
-        const int weight = y == c.h - 1 ? c.last_weight : y * c.step;
-        for (int x = 0; x < w; ++x) {
-          ASSERT_EQ(out[y * kStride + x], expected(x, weight))
-              << "h " << c.h << " w " << w << " row " << y << " column " << x;
-        }
-      }
-    }
+    expectRows(c.h, top, bottom, 0, c.h, [&](int x, int y) {
+      const int weight = y == c.h - 1 ? c.last_weight : y * c.step;
+      return top[x] + (((bottom[x] - top[x]) * weight + 128) >> 8);
+    });
   }
 }
 
@@ -121,17 +113,6 @@ struct Factors {
 };
 const std::vector<Factors> k420 = {{1, 2, 2}, {2, 1, 1}, {3, 1, 1}};
 using Spans = std::vector<std::pair<int, int>>;  // first MCU number, number of MCUs
-
-using PlaneSet = std::vector<std::vector<uint8_t>>;
-
-PlaneSet planesOf(const SimpleJPEGDecoder& d) {
-  PlaneSet planes(kMaxComponents);
-  for (int slot = 0; slot < kMaxComponents; ++slot) {
-    const Channel& c = d.channels_[slot];
-    if (c.image_ != nullptr) planes[slot].assign(c.image_, c.image_ + c.stride_ * c.height_);
-  }
-  return planes;
-}
 
 enum Fill { kInterpolate, kCopy, kGrey };
 
@@ -167,6 +148,14 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
   d.mcus_y_ = mcus_y;
   d.total_mcus_ = mcus_x * mcus_y;
   d.valid_mcus_ = 77;  // whatever it is, the repair leaves it alone
+  auto planes = [&d] {
+    std::vector<std::vector<uint8_t>> set(kMaxComponents);
+    for (int slot = 0; slot < kMaxComponents; ++slot) {
+      const Channel& c = d.channels_[slot];
+      if (c.image_ != nullptr) set[slot].assign(c.image_, c.image_ + c.stride_ * c.height_);
+    }
+    return set;
+  };
   std::mt19937 rng(1234);
   for (const Factors& f : slots) {
     d.header_.components_[f.slot] = {f.slot, f.h, f.v, 0};
@@ -180,32 +169,26 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
   if (!bad_spans.empty()) d.bad_mcus_.assign(d.total_mcus_, 0);
   for (const auto& [first, count] : bad_spans) std::fill_n(&d.bad_mcus_[first], count, 1);
   const std::vector<uint8_t> map = d.bad_mcus_;
-  const PlaneSet before = planesOf(d);
-  {
-    LogCapture log(8, 1);
-    d.fixBadMCUs();
-    EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
-  }
+  const auto before = planes();
+  LogCapture log(8, 1);
+  d.fixBadMCUs();
+  EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
   // Nothing is booked as repaired.
-  EXPECT_EQ(d.bad_mcus_, map);
-  EXPECT_EQ(d.valid_mcus_, 77);
+  EXPECT_TRUE(d.bad_mcus_ == map && d.valid_mcus_ == 77);
 
-  PlaneSet expected = before;
+  auto expected = before;
   for (const Region& r : regions) {
     const int stride = d.channels_[r.slot].stride_, step = 256 / (r.h - 1);
     for (int y = 0; y < r.h; ++y) {
       for (int x = r.x; x < r.x + r.w; ++x) {
-        int value = 0x80;
-        if (r.fill != kGrey) {
-          const int top = before[r.slot][r.above * stride + x];
-          const int bottom = r.fill == kCopy ? top : before[r.slot][r.below * stride + x];
-          value = top + (((bottom - top) * y * step + 128) >> 8);
-        }
-        expected[r.slot][(r.y + y) * stride + x] = static_cast<uint8_t>(value);
+        const int top = r.fill == kGrey ? 0x80 : before[r.slot][r.above * stride + x];
+        const int bottom = r.fill == kInterpolate ? before[r.slot][r.below * stride + x] : top;
+        expected[r.slot][(r.y + y) * stride + x] =
+            uint8_t(top + (((bottom - top) * y * step + 128) >> 8));
       }
     }
   }
-  const PlaneSet after = planesOf(d);
+  const auto after = planes();
   for (int slot = 0; slot < kMaxComponents; ++slot) {
     const int stride = d.channels_[slot].stride_;
     for (size_t i = 0; i < after[slot].size(); ++i) {

@@ -60,8 +60,11 @@ TEST(ImageSizeTest, BadHeadersAreRefusedWithTheirReason) {
   struct Case {
     const uint8_t* data;
     size_t size;
-  } cases[] = {{garbage, sizeof(garbage)}, {frame.data(), 0}, {frame.data(), 1},
-               {bad_sof, sizeof(bad_sof)}, {nullptr, 0}};
+  } cases[] = {{garbage, sizeof(garbage)},
+               {frame.data(), 0},
+               {frame.data(), 1},
+               {bad_sof, sizeof(bad_sof)},
+               {nullptr, 0}};
   for (const Case& c : cases) {
     LogCapture capture;
     int width = -7, height = -7;

@@ -96,15 +96,6 @@ struct RecordingReconstruction {
   static inline std::vector<Handed> blocks;
 };
 
-// The scalar forms, and the vector forms where the processor has them.
-std::vector<DSPFunctions> forms() {
-  std::vector<DSPFunctions> result(2);
-  initDSPScalar(&result[0]);
-  result[1] = result[0];
-  initDSPx86(&result[1], g_cpu_info_);
-  return result;
-}
-
 class KernelTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -179,15 +170,14 @@ TEST_F(KernelTest, BlockCases) {
     more.insert({{5, 115}, {28, 131}, {51, 147}});
     return more;
   };
-  struct Case {
+  // clang-format off
+  const struct {
     const char* name;
     Bits bits;
     Values values;
     unsigned position_mask, last_position;
     int next_dc;
-  };
-  // clang-format off
-  const Case cases[] = {
+  } cases[] = {
       {"0x28: DC 00, EOB", Bits().put(0x28 >> 2, 6).dc(1).eob(), {}, 0, 0, 1},
       {"0x52 0x2B", Bits().put(0x522B >> 2, 14).dc(1).eob(), {{0, 1}, {1, 1}, {8, -1}}, 9, 2, 1},
       {"0x3F 0xCD 0x7F: DC 00, ZRL, EOB", Bits().put(0x3FCD7F >> 7, 17).dc(1).eob(), {}, 12, 16, 1},
@@ -205,7 +195,7 @@ TEST_F(KernelTest, BlockCases) {
        to47({{55, 161}}), 63, 77, 1},
   };
   // clang-format on
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_EQ(run(c.bits.bytes(), {block(0), block(1)}), 1);
     ASSERT_EQ(handed_.size(), 2u);
@@ -222,20 +212,18 @@ TEST_F(KernelTest, BlockCases) {
 // The only failure, an empty table entry: the span ends with 0 at once, blocks finished
 // before stay handed over, the block under way is not.
 TEST_F(KernelTest, FailsAtAnEmptyEntry) {
-  struct Case {
+  const struct {
     const char* name;
     std::vector<uint8_t> bytes;
-    size_t blocks;
+    size_t blocks, handed;
     uint32_t mcus;
-    size_t handed;
-  };
-  const Case cases[] = {
-      {"empty segment", {}, 1, 1, 0},
+  } cases[] = {
+      {"empty segment", {}, 1, 0, 1},
       {"0x28 as two blocks of one MCU", {0x28}, 2, 1, 1},
-      {"0x28 as two MCUs", {0x28}, 1, 2, 1},
-      {"AC code of 16 ones", Bits().dc(0).put(0xFFFF, 16).put(0, 16).bytes(), 1, 1, 0},
+      {"0x28 as two MCUs", {0x28}, 1, 1, 2},
+      {"AC code of 16 ones", Bits().dc(0).put(0xFFFF, 16).put(0, 16).bytes(), 1, 0, 1},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(run(c.bytes, std::vector<MCUBlock>(c.blocks, block(0)), c.mcus), 0);
     EXPECT_EQ(handed_.size(), c.handed);
@@ -305,9 +293,13 @@ std::array<uint8_t, 64> reconstruct(uint8_t position_mask, uint8_t last_position
                                     const std::map<int, int16_t>& values) {
   alignas(16) int16_t block[64] = {};
   for (const auto& [index, value] : values) block[index] = value;
+  DSPFunctions forms[2];  // scalar, and vector where the processor has it
+  initDSPScalar(&forms[0]);
+  forms[1] = forms[0];
+  initDSPx86(&forms[1], g_cpu_info_);
   std::array<uint8_t, 64> samples[2];
   for (int f = 0; f < 2; ++f) {
-    forms()[f].reconstructBlock(block, position_mask, last_position, samples[f].data(), 8);
+    forms[f].reconstructBlock(block, position_mask, last_position, samples[f].data(), 8);
   }
   EXPECT_EQ(samples[0], samples[1]);
   return samples[0];
@@ -353,13 +345,11 @@ TEST(ReconstructTest, PathChoiceOnALowFrequencyBlock) {
 
 // 8192 at natural index 16: 4 x 8192 wraps to -32768 at a multiplier in the first pass.
 TEST(ReconstructTest, MultiplierInputWrapsInTheFirstPass) {
-  const uint8_t column_8192[8] = {255, 0, 255, 0, 0, 255, 0, 255};
-  const uint8_t column_8191[8] = {255, 233, 22, 0, 0, 22, 233, 255};
-  const auto a = reconstruct(0x10, 3, {{16, 8192}});
-  const auto b = reconstruct(0x10, 3, {{16, 8191}});
-  for (int y = 0; y < 8; ++y) {
-    EXPECT_EQ(a[8 * y], column_8192[y]) << y;
-    EXPECT_EQ(b[8 * y], column_8191[y]) << y;
+  const std::pair<int16_t, std::array<uint8_t, 8>> cases[] = {
+      {8192, {255, 0, 255, 0, 0, 255, 0, 255}}, {8191, {255, 233, 22, 0, 0, 22, 233, 255}}};
+  for (const auto& [c16, column] : cases) {
+    const auto samples = reconstruct(0x10, 3, {{16, c16}});
+    for (int y = 0; y < 8; ++y) EXPECT_EQ(samples[8 * y], column[y]) << c16 << " row " << y;
   }
 }
 

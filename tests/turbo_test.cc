@@ -61,11 +61,10 @@ Planes patterned(int width, int height, int y_stride, int uv_stride) {
 std::string firstDifference(const Planes& actual, const Planes& expected) {
   for (auto plane : {&Planes::y, &Planes::u, &Planes::v}) {
     const std::vector<uint8_t>& a = actual.*plane;
-    const auto diff = std::mismatch(a.begin(), a.end(), (expected.*plane).begin());
-    if (diff.first != a.end()) {
-      return "plane of " + std::to_string(a.size()) + " bytes at " +
-             std::to_string(diff.first - a.begin()) + ": " + std::to_string(*diff.first) +
-             " vs. expected " + std::to_string(*diff.second);
+    const auto [at, want] = std::mismatch(a.begin(), a.end(), (expected.*plane).begin());
+    if (at != a.end()) {
+      return "plane of " + std::to_string(a.size()) + " at " + std::to_string(at - a.begin()) +
+             ": " + std::to_string(*at) + " vs. " + std::to_string(*want);
     }
   }
   return "";

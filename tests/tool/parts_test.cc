@@ -34,9 +34,8 @@ using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a
 std::vector<Row> split(const Bytes& data, size_t* trailing) {
   tool::MJPEGSplitter splitter(data.data(), data.size());
   std::vector<Row> rows;
-  for (tool::SplitFrame f; splitter.next(&f);) {
+  for (tool::SplitFrame f; splitter.next(&f);)
     rows.push_back({f.offset, f.size, f.junk_before, f.cut_short});
-  }
   *trailing = splitter.trailingJunk();
   EXPECT_EQ(splitter.position(), data.size());
   return rows;
@@ -44,10 +43,6 @@ std::vector<Row> split(const Bytes& data, size_t* trailing) {
 
 // An exact-size copy, so that the sanitizers see any read past its end.
 Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
-
-tool::JPEGHeaderInfo headerOf(const Bytes& frame) {
-  return tool::readJPEGHeader(frame.data(), frame.size());
-}
 
 TEST(ToolSplitterTest, CutsStreamsAtFrameBoundaries) {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
@@ -97,25 +92,22 @@ TEST(ToolSplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
   for (int round = 0; round < 300; ++round) {
     Bytes stream = clean;
     for (int edit = 0; edit < 6; ++edit) {
-      const size_t at = rng() % stream.size();
-      const unsigned kind = rng() % 3;
-      if (kind == 2) {
-        stream.resize(std::max<size_t>(at, 1));
-      } else {
-        stream[at] = kind == 0 ? static_cast<uint8_t>(rng()) : 0xFF;
-        if (kind == 1 && at + 1 < stream.size()) stream[at + 1] = kMarkers[rng() % 9];
-      }
+      const size_t at = rng() % stream.size(), kind = rng() % 3;
+      if (kind == 2) stream.resize(std::max<size_t>(at, 1));
+      if (kind == 0) stream[at] = static_cast<uint8_t>(rng());
+      if (kind == 1) stream[at] = 0xFF;
+      if (kind == 1 && at + 1 < stream.size()) stream[at + 1] = kMarkers[rng() % 9];
     }
     streams.push_back(head(stream, stream.size()));
   }
-  for (size_t i = 0; i < streams.size(); ++i) {
-    SCOPED_TRACE("stream " + std::to_string(i));
-    const Bytes& data = streams[i];
+  for (const Bytes& data : streams) {
+    SCOPED_TRACE("stream of " + std::to_string(data.size()) + " bytes");
     size_t covered = 0, trailing = 0;
     for (const Row& row : split(data, &trailing)) {
       ASSERT_EQ(row[0], covered + row[2]);
       ASSERT_LE(row[0] + row[1], data.size());
-      headerOf(Bytes(data.begin() + row[0], data.begin() + row[0] + row[1]));
+      const Bytes frame(data.begin() + row[0], data.begin() + row[0] + row[1]);
+      tool::readJPEGHeader(frame.data(), frame.size());
       covered = row[0] + row[1];
     }
     ASSERT_EQ(covered + trailing, data.size());
@@ -138,7 +130,7 @@ TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
   for (const Case& test : cases) {
     SCOPED_TRACE(test.sampling);
     const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
-    const tool::JPEGHeaderInfo header = headerOf(frame);
+    const tool::JPEGHeaderInfo header = tool::readJPEGHeader(frame.data(), frame.size());
     ASSERT_TRUE(header.ok()) << header.error;
     EXPECT_EQ(tool::samplingName(header.components), test.sampling);
     double distance = -1;
@@ -170,25 +162,23 @@ TEST(ToolImageTest, ConvertsBT601FullRange) {
 TEST(ToolImageTest, CompletesTheChromaOfOddSizes) {
   const std::pair<int, int> sizes[] = {{5, 3}, {4, 3}, {5, 4}, {1, 5}, {6, 4}};
   for (const auto& [width, height] : sizes) {
-    const int w2 = width / 2, h2 = height / 2;
     SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
     tool::I420Image image;
     image.resize(width, height);
-    const int cw = image.chromaWidth(), ch = image.chromaHeight();
+    const int w2 = width / 2, h2 = height / 2, cw = image.chromaWidth(), ch = image.chromaHeight();
     // What a decoder writes: distinct values in the decoded part, junk elsewhere.
     std::fill(image.u.begin(), image.u.end(), 0xEE);
-    for (int row = 0; row < h2; ++row) {
-      for (int col = 0; col < w2; ++col) image.u[row * cw + col] = 10 * row + col;
+    for (int i = 0; i < h2 * cw; ++i) {
+      if (i % cw < w2) image.u[i] = 10 * (i / cw) + i % cw;
     }
     image.v = image.u;
     image.completeChroma();
-    for (int row = 0; row < ch; ++row) {
-      for (int col = 0; col < cw; ++col) {
-        const int expected =
-            w2 == 0 || h2 == 0 ? 0x80 : 10 * std::min(row, h2 - 1) + std::min(col, w2 - 1);
-        EXPECT_EQ(image.u[row * cw + col], expected) << row << "," << col;
-        EXPECT_EQ(image.v[row * cw + col], expected) << row << "," << col;
-      }
+    for (int i = 0; i < ch * cw; ++i) {
+      const int row = i / cw, col = i % cw;
+      const int expected =
+          w2 == 0 || h2 == 0 ? 0x80 : 10 * std::min(row, h2 - 1) + std::min(col, w2 - 1);
+      EXPECT_EQ(image.u[i], expected) << row << "," << col;
+      EXPECT_EQ(image.v[i], expected) << row << "," << col;
     }
   }
 }
@@ -241,7 +231,7 @@ TEST(ToolDamageTest, DamagesOnlyTheEntropyDataAndKeepsTheMarkers) {
     EXPECT_EQ(markerCodes(frame), markerCodes(clean));
   }
 
-  // No junk byte is 0xFF, so the markers stay the same.
+  // No junk byte is 0xFF, so the markers, and the count of 0xFF bytes, stay the same.
   Bytes frame = clean;
   EXPECT_EQ(tool::junkBeforeRestarts(&frame, 3, &rng), 3);
   EXPECT_GE(frame.size(), clean.size() + 3);
