@@ -110,32 +110,51 @@ VIDRA_ALWAYS_INLINE void reconstructWith(const typename Reconstruction::Constant
   }
 }
 
+// ---- Symbols --------------------------------------------------------------------------------
+
+// The value of a whole or fetch entry whose code begins at the top of `bits`, and in `consumed`
+// the bits that code and value take. Whole and fetch entries are told apart without a branch:
+// which of the two comes is hard to predict, and a whole entry simply reads 0 value bits.
+VIDRA_ALWAYS_INLINE int32_t takeEntry(uint32_t entry, uint64_t bits, unsigned* consumed) {
+  const unsigned length = entryLength(entry);
+  const bool whole = entry >= kWholeEntry;
+  const unsigned size = whole ? 0 : entrySize(entry);
+  // Shifted in two steps so that size 0 reads nothing.
+  const uint32_t raw = static_cast<uint32_t>(((bits << length) >> 1) >> (63 - size));
+  *consumed = length + size;
+  return whole ? entryValue(entry) : extendValue(raw, size);
+}
+
+// The sub-table entry that a link leads to; `bits` begins behind the first-level index.
+VIDRA_ALWAYS_INLINE uint32_t followLink(const uint32_t* table, uint32_t link, uint64_t bits) {
+  return table[linkOffset(link) + static_cast<uint32_t>((bits >> 1) >> (63 - linkBits(link)))];
+}
+
 // ---- The span loop ------------------------------------------------------------------------
 //
-// Bit reservoir. In the terms of the stream: eight consecutive bytes of the span, the first in
-// the most significant byte, of which the low `bits_left` bits are still unread; a refill, made
-// only when 32 or fewer bits are left, reloads eight bytes at `cursor` (four bytes further on
-// than the last load), so the next bit stays where it was. The kernel keeps the unread bits
-// left-aligned in `reservoir` (the next bit in bit 63, zeros below the last unread bit), so that a
-// peek is one shift by a constant and a consumption one shift by the length: that keeps the
-// dependency chain from one symbol to the next short. `bits_left` is only counted for the
-// refill test.
+// Bit reservoir. `bit_position` counts the bits of the span read so far; `reservoir` holds the
+// unread bits from there on, the next one in bit 63. Instead of a refill when the reservoir runs
+// low (a branch that follows the data and so is often mispredicted), every symbol begins with
+// a refill: the eight bytes from the one that holds the next unread bit, shifted so that this
+// bit is on top, which leaves 57 or more valid bits. Its address depends only on `bit_position`,
+// so the load runs while the symbol's table entry is fetched; once the entry tells the symbol's
+// length, `refill` << length is the next symbol's reservoir.
 //
-// Refill tests stand before the DC lookup and before each first-level AC lookup; every
-// first-level lookup thus sees at least 33 bits, and the longest symbol (16 code bits and 15
-// value bits) leaves at least 2.
+// A symbol takes at most 31 bits (a 16-bit code and 15 value bits), so a reservoir made that way
+// always holds 26 or more valid bits. The first-level lookup needs 8 or 9 of them, and the code
+// and value bits of an entry found there at most 9 + 15 = 24: both come from `reservoir`. A link
+// takes its sub-table index and value bits from `refill`, which has 31 and more.
 //
 // Input bound. The caller's buffer holds the segment, eight 0xFF sentinel bytes and maybe more;
 // on entry `dest_` tells where it ends. A refill whose load would pass that end ends the span
-// with 0. With the end at the sentinel's end, such a refill means that the next unread bit lies
-// behind the sentinel's first byte, so all bits that a lookup can see there are ones; a table
-// of ITU T.81 form has no entry for the all-ones code, so the plain, unbounded loop would fail
-// at that very lookup, and results are the same. Only a table that assigns the all-ones code
-// (which would let a span run through the sentinel without end) is cut short by the bound.
+// with 0. With the end at the sentinel's end, that means that the next unread bit lies behind
+// the sentinel's first byte, so all bits that the symbol's lookup can see are ones; a table of
+// ITU T.81 form has no entry for the all-ones code, so the plain, unbounded loop would fail at
+// that very lookup, and results are the same. Only a table that assigns the all-ones code (which
+// would let a span run through the sentinel without end) is cut short by the bound.
 //
 // A link entry can only stand at the first level of a table. A link found in a sub-table (only
-// a table grown past the 16-bit link offsets could hold one there) is taken as a failure, which
-// keeps the bit count from running below zero.
+// a table grown past the 16-bit link offsets could hold one there) is taken as a failure.
 template <typename Reconstruction>
 inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   const uintptr_t data_address = reinterpret_cast<uintptr_t>(context->data_);
@@ -146,12 +165,11 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   if (context->blocks_per_mcu_ == 0) return 0;
   if (context->mcu_count_ == 0) return 1;
   const uint8_t* const data = context->data_;
-  // Last cursor position from which an 8-byte load stays inside the buffer.
-  const uint8_t* const refill_limit = data + (end_address - data_address - 8);
+  // Last byte offset from which an 8-byte load stays inside the buffer.
+  const uint64_t last_load = end_address - data_address - 8;
 
+  uint64_t bit_position = 0;
   uint64_t reservoir = loadBigEndian64(data);
-  unsigned bits_left = 64;
-  const uint8_t* cursor = data + 4;
 
   int16_t dc_pred[8] = {};
   uint32_t mcu_x = context->mcu_x_;
@@ -170,25 +188,9 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   // behind each block (eight vector stores cost less than a branch on which values it used).
   clearBlock(coefficients);
 
-// The next `n` bits (1..32, a constant) without consuming them.
-#define VIDRA_KERNEL_PEEK(n) static_cast<uint32_t>(reservoir >> (64 - (n)))
-// The next `n` bits, 0..15 of them, without consuming them (0 bits read as 0).
-#define VIDRA_KERNEL_PEEK_VARIABLE(n) static_cast<uint32_t>((reservoir >> 1) >> (63 - (n)))
-#define VIDRA_KERNEL_CONSUME(n) \
-  do {                          \
-    const unsigned count = (n); \
-    reservoir <<= count;        \
-    bits_left -= count;         \
-  } while (0)
-#define VIDRA_KERNEL_REFILL()                                    \
-  do {                                                           \
-    if (bits_left <= 32) {                                       \
-      if (__builtin_expect(cursor > refill_limit, 0)) goto done; \
-      reservoir = loadBigEndian64(cursor) << (32 - bits_left);   \
-      cursor += 4;                                               \
-      bits_left += 32;                                           \
-    }                                                            \
-  } while (0)
+#define VIDRA_KERNEL_REFILL()                                          \
+  if (__builtin_expect((bit_position >> 3) > last_load, 0)) goto done; \
+  const uint64_t refill = loadBigEndian64(data + (bit_position >> 3)) << (bit_position & 7)
 
   do {
     const MCUBlock* block = first_block;
@@ -202,20 +204,27 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
       {
         VIDRA_KERNEL_REFILL();
         const uint32_t* const table = block->dc_table_;
-        uint32_t entry = table[VIDRA_KERNEL_PEEK(kDCIndexBits)];
-        if (__builtin_expect(entry < kFetchEntry, 0)) {
-          if (entry < kLinkEntry) goto done;
-          VIDRA_KERNEL_CONSUME(kDCIndexBits);
-          entry = table[linkOffset(entry) + VIDRA_KERNEL_PEEK_VARIABLE(linkBits(entry))];
-          if (entry < kFetchEntry) goto done;
+        uint32_t entry = table[reservoir >> (64 - kDCIndexBits)];
+        int32_t difference;
+        unsigned consumed;
+        if (__builtin_expect(entry >= kWholeEntry, 1)) {
+          consumed = entryLength(entry);
+          difference = entryValue(entry);
+        } else {
+          uint64_t bits = reservoir;
+          unsigned skipped = 0;
+          if (entry < kFetchEntry) {
+            if (entry < kLinkEntry) goto done;
+            skipped = kDCIndexBits;
+            bits = refill << kDCIndexBits;
+            entry = followLink(table, entry, bits);
+            if (entry < kFetchEntry) goto done;
+          }
+          difference = takeEntry(entry, bits, &consumed);
+          consumed += skipped;
         }
-        // Whole and fetch entries without a branch, as for AC coefficients below.
-        VIDRA_KERNEL_CONSUME(entryLength(entry));
-        const bool whole = entry >= kWholeEntry;
-        const unsigned size = whole ? 0 : entrySize(entry);
-        const uint32_t raw = VIDRA_KERNEL_PEEK_VARIABLE(size);
-        VIDRA_KERNEL_CONSUME(size);
-        const int32_t difference = whole ? entryValue(entry) : extendValue(raw, size);
+        bit_position += consumed;
+        reservoir = refill << consumed;
         // component_ is below 8 by the block list's construction; the mask only keeps a broken
         // list inside the eight predictors.
         int16_t& pred = dc_pred[block->component_ & 7];
@@ -232,27 +241,36 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
         for (;;) {
           ++k;
           VIDRA_KERNEL_REFILL();
-          uint32_t entry = table[VIDRA_KERNEL_PEEK(kACIndexBits)];
-          if (__builtin_expect(entry < kFetchEntry, 0)) {
-            if (entry < kLinkEntry) goto done;
-            VIDRA_KERNEL_CONSUME(kACIndexBits);
-            entry = table[linkOffset(entry) + VIDRA_KERNEL_PEEK_VARIABLE(linkBits(entry))];
-            if (entry < kFetchEntry) goto done;
+          uint32_t entry = table[reservoir >> (64 - kACIndexBits)];
+          int32_t value;
+          unsigned consumed;
+          // A whole entry of the first level, the common case, on the shortest path.
+          if (__builtin_expect(entry >= kWholeEntry, 1)) {
+            consumed = entryLength(entry);
+            value = entryValue(entry);
+          } else {
+            uint64_t bits = reservoir;
+            unsigned skipped = 0;
+            if (entry < kFetchEntry) {
+              if (entry < kLinkEntry) goto done;
+              skipped = kACIndexBits;
+              bits = refill << kACIndexBits;
+              entry = followLink(table, entry, bits);
+              if (entry < kFetchEntry) goto done;
+            }
+            if ((entry >> 29) == (kEndOfBlockEntry >> 29)) {
+              consumed = skipped + (entry & 0xFF);  // eob_length
+              bit_position += consumed;
+              reservoir = refill << consumed;
+              --k;
+              break;
+            }
+            value = takeEntry(entry, bits, &consumed);
+            consumed += skipped;
           }
-          if ((entry >> 29) == (kEndOfBlockEntry >> 29)) {
-            VIDRA_KERNEL_CONSUME(entry & 0xFF);  // eob_length
-            --k;
-            break;
-          }
-          // Whole and fetch entries without a branch between them (which of the two comes is
-          // hard to predict): a whole entry reads 0 value bits.
-          VIDRA_KERNEL_CONSUME(entryLength(entry));
+          bit_position += consumed;
+          reservoir = refill << consumed;
           k += entryRun(entry);
-          const bool whole = entry >= kWholeEntry;
-          const unsigned size = whole ? 0 : entrySize(entry);
-          const uint32_t raw = VIDRA_KERNEL_PEEK_VARIABLE(size);
-          VIDRA_KERNEL_CONSUME(size);
-          const int32_t value = whole ? entryValue(entry) : extendValue(raw, size);
           const unsigned n = kZigzagNatural[k];
           coefficients[n] = wrapProduct(value, quant[k]);
           position_mask |= n;
@@ -272,9 +290,6 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   } while (--mcus_left != 0);
   result = 1;
 
-#undef VIDRA_KERNEL_PEEK
-#undef VIDRA_KERNEL_PEEK_VARIABLE
-#undef VIDRA_KERNEL_CONSUME
 #undef VIDRA_KERNEL_REFILL
 
 done:
