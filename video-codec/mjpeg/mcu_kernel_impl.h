@@ -140,10 +140,12 @@ VIDRA_ALWAYS_INLINE uint32_t followLink(const uint32_t* table, uint32_t link, ui
 // so the load runs while the symbol's table entry is fetched; once the entry tells the symbol's
 // length, `refill` << length is the next symbol's reservoir.
 //
-// A symbol takes at most 31 bits (a 16-bit code and 15 value bits), so a reservoir made that way
-// always holds 26 or more valid bits. The first-level lookup needs 8 or 9 of them, and the code
-// and value bits of an entry found there at most 9 + 15 = 24: both come from `reservoir`. A link
-// takes its sub-table index and value bits from `refill`, which has 31 and more.
+// A symbol takes at most 31 bits (a 16-bit code and 15 value bits; links never stand in a
+// sub-table, as the DHT parser refuses tables whose link offsets would be cut), so a reservoir
+// made that way always holds 26 or more valid bits. The first-level lookup needs 8 or 9 of them,
+// and the code and value bits of an entry found there at most 9 + 15 = 24: both come from
+// `reservoir`. A linked symbol reads its sub-table index and value bits from `refill`, whose 57
+// or more valid bits cover its 31.
 //
 // Input bound. The caller's buffer holds the segment, eight 0xFF sentinel bytes and maybe more;
 // on entry `dest_` tells where it ends. A refill whose load would pass that end ends the span
