@@ -48,18 +48,17 @@ void expectRows(int h, const std::vector<uint8_t>& top, const std::vector<uint8_
 // it; h = 3 has the weights 0, 128, 256, and h = 129 has 126, 128, 130 at rows 63, 64, 65.
 // h = 1 would divide by zero: its one row has weight 0, and the row below stays untouched.
 TEST(InterpolateRange, LiteralRows) {
-  struct Case {
+  const struct {
     int h, top, bottom, first;
     std::vector<int> rows;
-  };
-  const Case cases[] = {{8, 100, 200, 0, {100, 114, 128, 142, 156, 170, 184, 198}},
-                        {8, 200, 100, 0, {200, 186, 172, 158, 144, 130, 116, 102}},
-                        {3, 50, 51, 0, {50, 51, 51}},
-                        {3, 51, 50, 0, {51, 51, 50}},
-                        {129, 50, 51, 63, {50, 51, 51}},
-                        {129, 51, 50, 63, {51, 51, 50}},
-                        {1, 30, 90, 0, {30, 0xA5}}};
-  for (const Case& c : cases) {
+  } cases[] = {{8, 100, 200, 0, {100, 114, 128, 142, 156, 170, 184, 198}},
+               {8, 200, 100, 0, {200, 186, 172, 158, 144, 130, 116, 102}},
+               {3, 50, 51, 0, {50, 51, 51}},
+               {3, 51, 50, 0, {51, 51, 50}},
+               {129, 50, 51, 63, {50, 51, 51}},
+               {129, 51, 50, 63, {51, 51, 50}},
+               {1, 30, 90, 0, {30, 0xA5}}};
+  for (const auto& c : cases) {
     expectRows(c.h, std::vector<uint8_t>(16, c.top), std::vector<uint8_t>(16, c.bottom), c.first,
                int(c.rows.size()), [&](int, int y) { return c.rows[y - c.first]; });
   }
@@ -68,19 +67,18 @@ TEST(InterpolateRange, LiteralRows) {
 // Row y has the weight y * step, step = 256 / (h - 1) truncated. Every column has its own
 // references, column 0 going from 0 to 255 and column 1 from 254 to 1.
 TEST(InterpolateRange, StepAndLastWeightFollowTheHeight) {
-  struct Case {
-    int h, step, last_weight;
-  };
   // h = 272 (17 luma MCUs): step 0, every row repeats `top`.
-  const Case cases[] = {{2, 256, 256}, {8, 36, 252},  {16, 17, 255}, {24, 11, 253}, {32, 8, 248},
-                        {48, 5, 235},  {64, 4, 252},  {128, 2, 254}, {129, 2, 256}, {200, 1, 199},
-                        {256, 1, 255}, {257, 1, 256}, {258, 0, 0},   {272, 0, 0},   {1000, 0, 0}};
+  const struct {
+    int h, step, last_weight;
+  } cases[] = {{2, 256, 256}, {8, 36, 252},  {16, 17, 255}, {24, 11, 253}, {32, 8, 248},
+               {48, 5, 235},  {64, 4, 252},  {128, 2, 254}, {129, 2, 256}, {200, 1, 199},
+               {256, 1, 255}, {257, 1, 256}, {258, 0, 0},   {272, 0, 0},   {1000, 0, 0}};
   std::vector<uint8_t> top(16), bottom(16);
   for (int x = 0; x < 16; ++x) {
     top[x] = static_cast<uint8_t>((x & 1) ? 255 - x : x);
     bottom[x] = static_cast<uint8_t>((x & 1) ? x : 255 - x);
   }
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     expectRows(c.h, top, bottom, 0, c.h, [&](int x, int y) {
       const int weight = y == c.h - 1 ? c.last_weight : y * c.step;
       return top[x] + (((bottom[x] - top[x]) * weight + 128) >> 8);
@@ -148,14 +146,7 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
   d.mcus_y_ = mcus_y;
   d.total_mcus_ = mcus_x * mcus_y;
   d.valid_mcus_ = 77;  // whatever it is, the repair leaves it alone
-  auto planes = [&d] {
-    std::vector<std::vector<uint8_t>> set(kMaxComponents);
-    for (int slot = 0; slot < kMaxComponents; ++slot) {
-      const Channel& c = d.channels_[slot];
-      if (c.image_ != nullptr) set[slot].assign(c.image_, c.image_ + c.stride_ * c.height_);
-    }
-    return set;
-  };
+  std::vector<std::vector<uint8_t>> before(kMaxComponents);  // the planes as decoded
   std::mt19937 rng(1234);
   for (const Factors& f : slots) {
     d.header_.components_[f.slot] = {f.slot, f.h, f.v, 0};
@@ -163,13 +154,13 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
     channel.stride_ = f.h * 8 * mcus_x;
     channel.height_ = f.v * 8 * mcus_y;
     channel.image_ = new uint8_t[channel.stride_ * channel.height_];
-    std::generate_n(channel.image_, channel.stride_ * channel.height_,
-                    [&] { return static_cast<uint8_t>(rng()); });
+    before[f.slot].resize(channel.stride_ * channel.height_);
+    for (uint8_t& sample : before[f.slot]) sample = static_cast<uint8_t>(rng());
+    std::copy(before[f.slot].begin(), before[f.slot].end(), channel.image_);
   }
   if (!bad_spans.empty()) d.bad_mcus_.assign(d.total_mcus_, 0);
   for (const auto& [first, count] : bad_spans) std::fill_n(&d.bad_mcus_[first], count, 1);
   const std::vector<uint8_t> map = d.bad_mcus_;
-  const auto before = planes();
   LogCapture log(8, 1);
   d.fixBadMCUs();
   EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
@@ -188,13 +179,11 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
       }
     }
   }
-  const auto after = planes();
   for (int slot = 0; slot < kMaxComponents; ++slot) {
-    const int stride = d.channels_[slot].stride_;
-    for (size_t i = 0; i < after[slot].size(); ++i) {
-      ASSERT_EQ(int(after[slot][i]), int(expected[slot][i]))
-          << "slot " << slot << " column " << i % stride << " row " << i / stride;
-    }
+    const uint8_t* after = d.channels_[slot].image_;
+    const auto& e = expected[slot];
+    const size_t i = std::mismatch(e.begin(), e.end(), after).first - e.begin();
+    EXPECT_EQ(i, e.size()) << "slot " << slot << " differs at byte " << i;
   }
 }
 
@@ -240,11 +229,6 @@ TEST(FixBadMCUs, SamplingFactors) {
                 {3, 8, 16, 8, 8, kInterpolate, 15, 24},
                 {2, 16, 0, 8, 8, kCopy, 8, 0},
                 {3, 16, 0, 8, 8, kCopy, 8, 0}});
-  // 4:2:2: luma 16 wide and 8 high.
-  expectRepair("FourTwoTwo", 4, 4, {{1, 2, 1}, {2, 1, 1}, {3, 1, 1}}, {{5, 1}},
-               {{1, 16, 8, 16, 8, kInterpolate, 7, 16},
-                {2, 8, 8, 8, 8, kInterpolate, 7, 16},
-                {3, 8, 8, 8, 8, kInterpolate, 7, 16}});
   // Slot 2 has a factor of 0 and an empty plane, where a copy would still move 8 bytes per
   // row; slot 3 was never named and has no plane. Both are skipped.
   expectRepair("EmptyAndMissingPlanes", 4, 2, {{1, 2, 2}, {2, 0, 1}}, {{0, 1}, {6, 1}},

@@ -138,15 +138,9 @@ TEST(DamagedCorpus, EightyPercentRuleAndChangesOnlyInsideDamagedSpans) {
 
 // ---- Camera quirks that are not damage --------------------------------------------------------
 
-// `frame` with quirk 0 (junk before restart markers), 1 (6 KiB of zero padding behind EOI) or
-// 2 (missing EOI). The junk is 1 to 10 bytes (never 0xFF) in front of every restart marker.
-std::vector<uint8_t> withQuirk(int quirk, const std::vector<uint8_t>& frame) {
-  std::vector<uint8_t> out = frame;
-  if (quirk > 0) {
-    out.resize(quirk == 1 ? frame.size() + 6 * 1024 : frame.size() - 2, 0);
-    return out;
-  }
-  out.clear();
+// `frame` with junk of 1 to 10 bytes (never 0xFF) in front of every restart marker.
+std::vector<uint8_t> withJunk(const std::vector<uint8_t>& frame) {
+  std::vector<uint8_t> out;
   const std::vector<size_t> cuts = scanCuts(frame);
   size_t copied = 0;
   for (size_t k = 1; k + 1 < cuts.size(); ++k) {
@@ -167,11 +161,13 @@ TEST(CameraQuirks, DecodeLikeTheCleanFrame) {
     ASSERT_TRUE(frame.size() > 2 && frame[frame.size() - 2] == 0xFF && frame.back() == 0xD9);
     const Decoded clean = decode(frame);
     ASSERT_TRUE(clean.result) << path;
+    // Junk before restart markers (only frames with markers have somewhere to put it), 6 KiB of
+    // zero padding behind EOI, and a missing EOI.
+    std::vector<uint8_t> quirks[] = {withJunk(frame), frame, {frame.begin(), frame.end() - 2}};
+    quirks[1].resize(frame.size() + 6 * 1024, 0);
+    with_junk += quirks[0] != frame;
     for (int quirk = 0; quirk < 3; ++quirk) {
-      const std::vector<uint8_t> changed = withQuirk(quirk, frame);
-      // Only frames with restart markers have somewhere to put junk.
-      with_junk += quirk == 0 && changed != frame;
-      const Decoded d = decode(changed);
+      const Decoded d = decode(quirks[quirk]);
       EXPECT_TRUE(d.result && d.decoder->bad_mcus_.empty() && d.planes.y == clean.planes.y &&
                   d.planes.u == clean.planes.u && d.planes.v == clean.planes.v)
           << path << ", quirk " << quirk;

@@ -54,21 +54,13 @@ class EntropyTest : public ::testing::Test {
 };
 
 TEST_F(EntropyTest, SegmentsSpansAndMarks) {
-  struct Case {
-    const char* name;
-    Bytes data;
-    int32_t interval;
-    int mcus_x, mcus_y;
-    size_t blocks_per_mcu;
-    std::vector<Bytes> segments;  // one per kernel call
-    size_t consumed;
-    Bytes bad;                // expected bad_mcus_; empty: never allocated
-    std::vector<Span> spans;  // checked when not empty
-  };
   // clang-format off
-  const Case cases[] = {
-      // name, input, restart_interval_, MCUs across and down, blocks per MCU,
-      // then the segments handed to the kernel, consumed length, bad_mcus_ and spans.
+  // name, input, restart_interval_, MCUs across and down, blocks per MCU, then the segments
+  // handed to the kernel (one per call), the consumed length, bad_mcus_ (empty: never allocated)
+  // and the spans (checked when not empty).
+  const struct { const char* name; Bytes data; int interval, mcus_x, mcus_y; size_t blocks_per_mcu;
+                 std::vector<Bytes> segments; size_t consumed; Bytes bad; std::vector<Span> spans;
+  } cases[] = {
       {"length 0", {}, 0, 1, 1, 1, {{}}, 0, {1}, {}},
       {"length 1", {0x5C}, -1, 1, 1, 1, {{0x5C}}, 1, {}, {}},
       {"stuffing, FF 00 as the last two bytes",
@@ -99,7 +91,7 @@ TEST_F(EntropyTest, SegmentsSpansAndMarks) {
       {"no blocks", {1, 0xFF, 0xD0, 2}, 2, 4, 1, 0, {}, 4, {1, 1, 1, 1}, {}},
   };
   // clang-format on
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SimpleJPEGDecoder decoder;
     decoder.mcu_blocks_.resize(c.blocks_per_mcu);

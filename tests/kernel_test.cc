@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <stdexcept>
+#include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -51,26 +53,19 @@ class Bits {
     const int size = sizeOf(v);
     return put(static_cast<uint32_t>(v < 0 ? v + (1 << size) - 1 : v), size);
   }
-  // Canonical codes of the default segment: (table class << 8 | symbol) -> (code, length).
+  // The canonical code of `symbol` in table 0 of class `table_class` of the default segment.
   Bits& code(int table_class, int symbol) {
-    static const std::map<int, std::pair<uint32_t, int>> codes = [] {
-      std::map<int, std::pair<uint32_t, int>> result;
-      for (size_t at = 4; at < sizeof(kMJPGDHTSeg);) {
-        const int tc_th = kMJPGDHTSeg[at];
-        const uint8_t* counts = kMJPGDHTSeg + at + 1;
-        at += 17;
-        uint32_t next = 0;
-        for (int length = 1; length <= 16; ++length, next <<= 1) {
-          for (int j = 0; j < counts[length - 1]; ++j, ++next) {
-            const int symbol = kMJPGDHTSeg[at++];
-            if ((tc_th & 15) == 0) result[(tc_th >> 4) << 8 | symbol] = {next, length};
-          }
+    for (size_t at = 4; at < sizeof(kMJPGDHTSeg);) {
+      const uint8_t* table = kMJPGDHTSeg + at;  // class << 4 | number, 16 counts, the symbols
+      at += 17;
+      uint32_t next = 0;
+      for (int length = 1; length <= 16; ++length, next <<= 1) {
+        for (int j = 0; j < table[length]; ++j, ++next, ++at) {
+          if (table[0] == table_class << 4 && kMJPGDHTSeg[at] == symbol) return put(next, length);
         }
       }
-      return result;
-    }();
-    const auto& [bits, length] = codes.at(table_class << 8 | symbol);
-    return put(bits, length);
+    }
+    throw std::out_of_range("no code for symbol " + std::to_string(symbol));
   }
   std::vector<uint8_t> bits_;
 };
@@ -89,9 +84,8 @@ struct RecordingReconstruction {
   static Constants load() { return {}; }
   static void reconstruct(const Constants&, const int16_t* block, unsigned position_mask,
                           unsigned last_position, uint8_t* dest, int) {
-    Handed handed = {{}, position_mask, last_position, dest};
-    std::memcpy(handed.block.data(), block, sizeof(handed.block));
-    blocks.push_back(handed);
+    blocks.push_back({{}, position_mask, last_position, dest});
+    std::memcpy(blocks.back().block.data(), block, sizeof(Handed::block));
   }
   static inline std::vector<Handed> blocks;
 };
@@ -171,13 +165,8 @@ TEST_F(KernelTest, BlockCases) {
     return more;
   };
   // clang-format off
-  const struct {
-    const char* name;
-    Bits bits;
-    Values values;
-    unsigned position_mask, last_position;
-    int next_dc;
-  } cases[] = {
+  const struct { const char* name; Bits bits; Values values; unsigned position_mask, last_position;
+                 int next_dc; } cases[] = {
       {"0x28: DC 00, EOB", Bits().put(0x28 >> 2, 6).dc(1).eob(), {}, 0, 0, 1},
       {"0x52 0x2B", Bits().put(0x522B >> 2, 14).dc(1).eob(), {{0, 1}, {1, 1}, {8, -1}}, 9, 2, 1},
       {"0x3F 0xCD 0x7F: DC 00, ZRL, EOB", Bits().put(0x3FCD7F >> 7, 17).dc(1).eob(), {}, 12, 16, 1},
@@ -199,10 +188,9 @@ TEST_F(KernelTest, BlockCases) {
     SCOPED_TRACE(c.name);
     ASSERT_EQ(run(c.bits.bytes(), {block(0), block(1)}), 1);
     ASSERT_EQ(handed_.size(), 2u);
-    for (int i = 0; i < 64; ++i) {
-      const auto found = c.values.find(i);
-      EXPECT_EQ(handed_[0].block[i], found == c.values.end() ? 0 : found->second) << i;
-    }
+    std::array<int16_t, 64> want = {};
+    for (const auto& [index, value] : c.values) want[index] = static_cast<int16_t>(value);
+    EXPECT_EQ(handed_[0].block, want);
     EXPECT_EQ(handed_[0].position_mask, c.position_mask);
     EXPECT_EQ(handed_[0].last_position, c.last_position);
     EXPECT_EQ(handed_[1].block[0], c.next_dc);
@@ -212,21 +200,15 @@ TEST_F(KernelTest, BlockCases) {
 // The only failure, an empty table entry: the span ends with 0 at once, blocks finished
 // before stay handed over, the block under way is not.
 TEST_F(KernelTest, FailsAtAnEmptyEntry) {
-  const struct {
-    const char* name;
-    std::vector<uint8_t> bytes;
-    size_t blocks, handed;
-    uint32_t mcus;
-  } cases[] = {
+  const std::tuple<const char*, std::vector<uint8_t>, size_t, size_t, uint32_t> cases[] = {
       {"empty segment", {}, 1, 0, 1},
       {"0x28 as two blocks of one MCU", {0x28}, 2, 1, 1},
       {"0x28 as two MCUs", {0x28}, 1, 1, 2},
       {"AC code of 16 ones", Bits().dc(0).put(0xFFFF, 16).put(0, 16).bytes(), 1, 0, 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(run(c.bytes, std::vector<MCUBlock>(c.blocks, block(0)), c.mcus), 0);
-    EXPECT_EQ(handed_.size(), c.handed);
+  for (const auto& [name, bytes, blocks, handed, mcus] : cases) {
+    EXPECT_EQ(run(bytes, std::vector<MCUBlock>(blocks, block(0)), mcus), 0) << name;
+    EXPECT_EQ(handed_.size(), handed) << name;
   }
 }
 
@@ -243,9 +225,9 @@ TEST_F(KernelTest, DestinationsFollowTheGrid) {
   for (int i = 0; i < 6; ++i) EXPECT_EQ(handed_[i].dest - plane_.data(), expected[i]) << i;
 }
 
-// A 16-bit DC code for size 15: the 31-bit symbol at every bit offset, the lowest fill (33
-// bits at the refill test, 2 left behind it) among them. One predictor for all blocks of a
-// component, wrapping at 16 bits.
+// A 16-bit DC code for size 15: the 31-bit symbol at every bit offset within the bytes of a
+// load, so that the reservoir is at its lowest fill behind it. One predictor for all blocks of
+// a component, wrapping at 16 bits.
 TEST_F(KernelTest, LongestSymbolAtEveryOffset) {
   // DC: "0" and "10" for size 0, "1100000000000000" for size 15. AC: "0", end of block.
   loadTables({0x00, 1,    1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x00, 0x00,
@@ -293,14 +275,11 @@ std::array<uint8_t, 64> reconstruct(uint8_t position_mask, uint8_t last_position
                                     const std::map<int, int16_t>& values) {
   alignas(16) int16_t block[64] = {};
   for (const auto& [index, value] : values) block[index] = value;
-  DSPFunctions forms[2];  // scalar, and vector where the processor has it
-  initDSPScalar(&forms[0]);
-  forms[1] = forms[0];
-  initDSPx86(&forms[1], g_cpu_info_);
-  std::array<uint8_t, 64> samples[2];
-  for (int f = 0; f < 2; ++f) {
-    forms[f].reconstructBlock(block, position_mask, last_position, samples[f].data(), 8);
-  }
+  DSPFunctions scalar;
+  initDSPScalar(&scalar);
+  std::array<uint8_t, 64> samples[2];  // scalar, and the dispatched (vector where available)
+  scalar.reconstructBlock(block, position_mask, last_position, samples[0].data(), 8);
+  dsp().reconstructBlock(block, position_mask, last_position, samples[1].data(), 8);
   EXPECT_EQ(samples[0], samples[1]);
   return samples[0];
 }
@@ -321,25 +300,16 @@ TEST(ReconstructTest, DCValueAlone) {
 // c0 256, c1 -333, c8 77, c9 59: the DC, the low-frequency and the full path give different
 // rows 0, so the samples show the path that (position_mask, last_position) chose.
 TEST(ReconstructTest, PathChoiceOnALowFrequencyBlock) {
-  const std::map<int, int16_t> values = {{0, 256}, {1, -333}, {8, 77}, {9, 59}};
-  const std::array<uint8_t, 8> dc = {136, 136, 136, 136, 136, 136, 136, 136};
-  const std::array<uint8_t, 8> low = {129, 131, 133, 136, 140, 143, 145, 147};
-  struct Choice {
-    uint8_t mask, last;
-    char path;  // 'd', 'l' or 'f'
-  };
-  const Choice choices[] = {{0, 0, 'd'}, {1, 1, 'l'},  {8, 2, 'l'},   {9, 4, 'l'},  {2, 5, 'f'},
-                            {4, 6, 'f'}, {16, 3, 'f'}, {32, 20, 'f'}, {63, 77, 'f'}};
-  for (const Choice& choice : choices) {
-    SCOPED_TRACE(int{choice.mask});
-    const auto samples = reconstruct(choice.mask, choice.last, values);
-    std::array<uint8_t, 8> row0;
-    std::copy_n(samples.begin(), 8, row0.begin());
-    if (choice.path == 'f') {
-      EXPECT_EQ(row0[7], 146);
-    } else {
-      EXPECT_EQ(row0, choice.path == 'd' ? dc : low);
-    }
+  const std::vector<uint8_t> dc(8, 136), low = {129, 131, 133, 136, 140, 143, 145, 147};
+  // (position_mask, last_position, path): 'd' DC, 'l' low-frequency, 'f' full (row 0 ends in 146)
+  const std::tuple<uint8_t, uint8_t, char> choices[] = {{0, 0, 'd'},  {1, 1, 'l'},   {8, 2, 'l'},
+                                                        {9, 4, 'l'},  {2, 5, 'f'},   {4, 6, 'f'},
+                                                        {16, 3, 'f'}, {32, 20, 'f'}, {63, 77, 'f'}};
+  for (const auto& [mask, last, path] : choices) {
+    const auto s = reconstruct(mask, last, {{0, 256}, {1, -333}, {8, 77}, {9, 59}});
+    const std::vector<uint8_t> row0(s.begin(), s.begin() + 8);
+    EXPECT_TRUE(path == 'f' ? row0[7] == 146 : row0 == (path == 'd' ? dc : low))
+        << "mask " << int{mask} << ": row 0 " << ::testing::PrintToString(row0);
   }
 }
 

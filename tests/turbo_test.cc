@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -57,15 +58,13 @@ Planes patterned(int width, int height, int y_stride, int uv_stride) {
   return planes;
 }
 
-// "" when equal, else the first differing byte.
+// "" when equal, else the size of the first plane that differs and the offset of its first
+// differing byte.
 std::string firstDifference(const Planes& actual, const Planes& expected) {
   for (auto plane : {&Planes::y, &Planes::u, &Planes::v}) {
     const std::vector<uint8_t>& a = actual.*plane;
-    const auto [at, want] = std::mismatch(a.begin(), a.end(), (expected.*plane).begin());
-    if (at != a.end()) {
-      return "plane of " + std::to_string(a.size()) + " at " + std::to_string(at - a.begin()) +
-             ": " + std::to_string(*at) + " vs. " + std::to_string(*want);
-    }
+    const auto at = std::mismatch(a.begin(), a.end(), (expected.*plane).begin()).first;
+    if (at != a.end()) return std::to_string(a.size()) + " at " + std::to_string(at - a.begin());
   }
   return "";
 }
@@ -77,31 +76,28 @@ std::string firstDifference(const Planes& actual, const Planes& expected) {
 // whole rows with grey padding. Sets `ok` and returns the level-2 line that goes with a
 // failure, "" for none.
 std::string referenceDecode(const Frame& frame, Planes* out, bool* ok) {
-  *ok = false;
-  tjhandle handle = tjInitDecompress();
+  const std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitDecompress(), tjDestroy);
   unsigned char* jpeg = const_cast<unsigned char*>(frame.data());
   int w = 0, h = 0, sub = -1, pw[3] = {};
   std::vector<uint8_t> planes[3];
-  std::string error;
-  if (tjDecompressHeader2(handle, jpeg, frame.size(), &w, &h, &sub) != 0) {
-    error = std::string("Error decoding (M)JPEG header: ") + tjGetErrorStr();
-  } else if (w == out->width && h == out->height) {
-    unsigned char* pointers[3] = {};
-    for (int i = 0; i < (sub == TJSAMP_GRAY ? 1 : 3); ++i) {
-      pw[i] = tjPlaneWidth(i, w, sub);
-      planes[i].resize(static_cast<size_t>(pw[i]) * tjPlaneHeight(i, h, sub));
-      pointers[i] = planes[i].data();
-    }
-    *ok = tjDecompressToYUVPlanes(handle, jpeg, frame.size(), pointers, 0, pw, 0, TJFLAG_FASTDCT) ==
-          0;
-    if (!*ok) error = std::string("Error decoding (M)JPEG image: ") + tjGetErrorStr();
+  unsigned char* pointers[3] = {};
+  *ok = false;
+  if (tjDecompressHeader2(handle.get(), jpeg, frame.size(), &w, &h, &sub) != 0)
+    return std::string("Error decoding (M)JPEG header: ") + tjGetErrorStr();
+  if (w != out->width || h != out->height) return "";
+  for (int i = 0; i < (sub == TJSAMP_GRAY ? 1 : 3); ++i) {
+    pw[i] = tjPlaneWidth(i, w, sub);
+    planes[i].resize(static_cast<size_t>(pw[i]) * tjPlaneHeight(i, h, sub));
+    pointers[i] = planes[i].data();
   }
-  tjDestroy(handle);
-  if (!*ok) return error;
-  for (int row = 0; row < h; ++row) {
+  if (tjDecompressToYUVPlanes(handle.get(), jpeg, frame.size(), pointers, 0, pw, 0,
+                              TJFLAG_FASTDCT) != 0)
+    return std::string("Error decoding (M)JPEG image: ") + tjGetErrorStr();
+  *ok = true;
+  for (int row = 0; row < h; ++row)
     std::copy_n(&planes[0][static_cast<size_t>(row) * pw[0]], w, &out->y[row * out->y_stride]);
-  }
   const int stride = out->uv_stride;
+  const bool whole_rows = sub != TJSAMP_420 || stride == TJPAD(pw[1]);
   for (int c = 1; c < 3; ++c) {
     uint8_t* dst = (c == 1 ? out->u : out->v).data();
     if (sub == TJSAMP_444 || sub == TJSAMP_422) {
@@ -109,11 +105,9 @@ std::string referenceDecode(const Frame& frame, Planes* out, bool* ok) {
                                                                     stride, w / 2, h / 2);
       continue;
     }
-    const bool whole_rows = sub != TJSAMP_420 || stride == TJPAD(pw[c]);
     for (int y = 0; y < h / 2; ++y) {
-      for (int x = 0; x < (whole_rows ? stride : w / 2); ++x) {
+      for (int x = 0; x < (whole_rows ? stride : w / 2); ++x)
         dst[y * stride + x] = sub == TJSAMP_420 && x < pw[c] ? planes[c][y * pw[c] + x] : 0x80;
-      }
     }
   }
   return "";
@@ -124,48 +118,56 @@ std::string referenceDecode(const Frame& frame, Planes* out, bool* ok) {
 // plane as null.
 enum { kEntry = 1, kIgnoreWarnings = 2, kFailDestroy = 4, kNullY = 8, kNullU = 16, kNullV = 32 };
 
-struct Outcome {
-  bool ok;
-  std::vector<std::string> errors;  // level-2 lines on "mjpeg"
-  std::string error_text;           // tjGetErrorStr() behind the call
-};
-
-Outcome decodeTurbo(const uint8_t* data, size_t size, bool insert_dht, Planes* p, int how = 0) {
+// Returns the result of the call and leaves its level-2 lines on "mjpeg" in `errors`.
+bool decodeTurbo(const uint8_t* data, size_t size, bool insert_dht, Planes* p, int how,
+                 std::vector<std::string>* errors) {
   LogCapture capture(/*mjpeg_level=*/6);
   uint8_t* y = how & kNullY ? nullptr : p->y.data();
   uint8_t* u = how & kNullU ? nullptr : p->u.data();
   uint8_t* v = how & kNullV ? nullptr : p->v.data();
   g_fail_destroy = how & kFailDestroy;
-  bool ok;
-  if (how & kEntry) {
-    setForceJPEGTurboDecoder(true);
-    ok = decompressMJPEG(data, size, p->width, p->height, insert_dht, y, p->y_stride, u,
-                         p->uv_stride, v, p->uv_stride);
-    setForceJPEGTurboDecoder(false);
-  } else {
-    JTDecoder decoder;
-    decoder.ignore_warnings_ = how & kIgnoreWarnings;
-    ok = decoder.decompress(data, static_cast<uint32_t>(size), p->width, p->height, insert_dht, y,
-                            p->y_stride, u, p->uv_stride, v, p->uv_stride);
-  }
+  setForceJPEGTurboDecoder(how & kEntry);
+  JTDecoder decoder;
+  decoder.ignore_warnings_ = how & kIgnoreWarnings;
+  const bool ok = how & kEntry ? decompressMJPEG(data, size, p->width, p->height, insert_dht, y,
+                                                 p->y_stride, u, p->uv_stride, v, p->uv_stride)
+                               : decoder.decompress(data, static_cast<uint32_t>(size), p->width,
+                                                    p->height, insert_dht, y, p->y_stride, u,
+                                                    p->uv_stride, v, p->uv_stride);
+  setForceJPEGTurboDecoder(false);
   g_fail_destroy = false;
   EXPECT_EQ(capture.texts(6, "mjpeg"), std::vector<std::string>{"Using jpeg-turbo"});
-  return {ok, capture.texts(2, "mjpeg"), tjGetErrorStr()};
+  *errors = capture.texts(2, "mjpeg");
+  return ok;
 }
 
-// Decodes `frame` into patterned planes of the given strides and compares result, log and
-// every byte of the planes with the reference of `reference_frame`. Returns the result.
+// Decodes `frame` through the entry point into patterned planes of the given strides and
+// compares result, log and every byte of the planes with the reference of `reference_frame`.
+// Only the low 32 bits of the size count there, so 4 GiB are added to it. TurboJPEG falls back
+// on the same standard tables by itself, so the pictures can't tell whether and where the
+// segment went in: the stream that reaches tjDecompressToYUV() shows it. Without `insert_dht`
+// it is the frame itself, in place; with it SOI, the whole segment and the rest of the frame,
+// the frame's own DHT segment included. Returns the result.
 bool expectLikeReference(const Frame& frame, bool insert_dht, int width, int height, int y_stride,
                          int uv_stride, const Frame& reference_frame) {
-  Planes expected = patterned(width, height, y_stride, uv_stride);
-  Planes actual = expected;
+  Planes expected = patterned(width, height, y_stride, uv_stride), actual = expected;
   bool reference_ok = false;
   const std::string log = referenceDecode(reference_frame, &expected, &reference_ok);
-  const Outcome outcome = decodeTurbo(frame.data(), frame.size(), insert_dht, &actual);
-  EXPECT_EQ(outcome.ok, reference_ok);
-  EXPECT_EQ(outcome.errors, log.empty() ? std::vector<std::string>{} : std::vector{log});
+  std::vector<std::string> errors;
+  g_decoded_stream.clear();
+  g_decoded_stream_at = nullptr;
+  const bool ok = decodeTurbo(frame.data(), (size_t{1} << 32) + frame.size(), insert_dht, &actual,
+                              kEntry, &errors);
+  EXPECT_EQ(ok, reference_ok);
+  EXPECT_EQ(errors, log.empty() ? std::vector<std::string>{} : std::vector{log});
   EXPECT_EQ(firstDifference(actual, expected), "");
-  return outcome.ok;
+  if (ok) {
+    Frame sent = frame;
+    if (insert_dht) sent.insert(sent.begin() + 2, std::begin(kMJPGDHTSeg), std::end(kMJPGDHTSeg));
+    EXPECT_EQ(g_decoded_stream_at == frame.data(), !insert_dht);
+    EXPECT_EQ(g_decoded_stream, sent);
+  }
+  return ok;
 }
 
 // Every corpus frame in tight planes without the default tables and in gapped planes with
@@ -182,9 +184,9 @@ TEST(TurboCorpusTest, FramesMatchTurboJPEGPlanes) {
       ASSERT_TRUE(getJPEGImageSize(frame.data(), frame.size(), &w, &h)) << path;
       for (int gap : {0, 5}) {
         SCOPED_TRACE(path + (gap ? " gapped, tables inserted" : " tight"));
-        const bool ok =
-            expectLikeReference(frame, gap != 0, w, h, w + gap, std::max(w / 2, 1) + gap, frame);
-        EXPECT_TRUE(ok || folder != "webcam-480p");
+        EXPECT_TRUE(
+            expectLikeReference(frame, gap != 0, w, h, w + gap, std::max(w / 2, 1) + gap, frame) ||
+            folder != "webcam-480p");
       }
     }
   }
@@ -197,24 +199,21 @@ TEST(TurboCorpusTest, FramesMatchTurboJPEGPlanes) {
 // have the standard tables; stripped of their DHT segments and decoded with the default segment put
 // in, they give exactly the planes of the original: the segment holds the tables of T.81 K.3.
 TEST(TurboGeneratedTest, AllLayoutsSizesAndStrides) {
-  const struct {
-    int w, h;
-  } sizes[] = {{64, 48}, {101, 75}, {1279, 721}, {6, 6}, {1, 1}, {1, 2}, {2, 1}};
+  const int sizes[][2] = {{64, 48}, {101, 75}, {1279, 721}, {6, 6}, {1, 1}, {1, 2}, {2, 1}};
   for (int sub : {TJSAMP_444, TJSAMP_422, TJSAMP_420, TJSAMP_GRAY, TJSAMP_440, TJSAMP_411}) {
     for (const auto& size : sizes) {
-      const Frame frame = test::encodeTestFrame(size.w, size.h, sub);
+      const int w = size[0], h = size[1];
+      const Frame frame = test::encodeTestFrame(w, h, sub);
       for (int strides : {0, 1, 2}) {  // tight, gaps, TurboJPEG's rows or wider gaps
-        SCOPED_TRACE("layout " + std::to_string(sub) + " " + std::to_string(size.w) + "x" +
-                     std::to_string(size.h) + " strides " + std::to_string(strides));
+        SCOPED_TRACE(testing::Message()
+                     << "layout " << sub << " " << w << "x" << h << " strides " << strides);
         const bool turbo_rows = strides == 2 && sub == TJSAMP_420;
-        const int y_stride =
-            turbo_rows ? TJPAD(tjPlaneWidth(0, size.w, sub)) : size.w + 5 * strides;
-        const int uv_stride = turbo_rows ? TJPAD(tjPlaneWidth(1, size.w, sub))
-                                         : std::max(size.w / 2, 1) + 3 * strides;
+        const int y_stride = turbo_rows ? TJPAD(tjPlaneWidth(0, w, sub)) : w + 5 * strides;
+        const int uv_stride =
+            turbo_rows ? TJPAD(tjPlaneWidth(1, w, sub)) : std::max(w / 2, 1) + 3 * strides;
         const Frame decoded = strides == 1 ? test::stripDHT(frame) : frame;
         ASSERT_EQ(decoded.size() < frame.size(), strides == 1);
-        EXPECT_TRUE(
-            expectLikeReference(decoded, strides == 1, size.w, size.h, y_stride, uv_stride, frame));
+        EXPECT_TRUE(expectLikeReference(decoded, strides == 1, w, h, y_stride, uv_stride, frame));
       }
     }
   }
@@ -227,19 +226,19 @@ TEST(TurboGeneratedTest, AllLayoutsSizesAndStrides) {
 // behind them.
 TEST(TurboRefusalTest, EachFailureWithItsLogLine) {
   const Frame frame = test::encodeTestFrame(48, 32, TJSAMP_422, 90, /*restart_rows=*/1);
-  const Frame truncated(frame.begin(), frame.begin() + frame.size() * 2 / 3);
-  const Frame garbage = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
+  const Frame truncated(frame.begin(), frame.begin() + frame.size() * 2 / 3), garbage(8, 0x12);
   const Frame narrower = test::encodeTestFrame(47, 32, TJSAMP_422);
   const Frame higher = test::encodeTestFrame(48, 33, TJSAMP_422);
-  const auto marker = [&](uint8_t code) {  // FF `code` behind SOI
-    const uint8_t bytes[] = {0xFF, code};
-    return std::search(frame.begin() + 2, frame.end(), bytes, bytes + 2) - frame.begin();
+  // `frame` with `n` junk bytes in front of the first FF `code` behind SOI.
+  const auto junk = [&](uint8_t code, size_t n) {
+    const uint8_t marker[] = {0xFF, code};
+    Frame out = frame;
+    out.insert(std::search(out.begin() + 2, out.end(), marker, marker + 2), n, 0x11);
+    return out;
   };
-  Frame sos_junk = frame, rst_junk = frame;
-  sos_junk.insert(sos_junk.begin() + marker(0xDA), {0x12, 0x34, 0x56});
   // A few bytes in front of a restart marker may vanish in the bits that the entropy decoder
   // reads ahead; 64 of them can't.
-  rst_junk.insert(rst_junk.begin() + marker(0xD0), 64, 0x11);
+  const Frame sos_junk = junk(0xDA, 3), rst_junk = junk(0xD0, 64);
   const char* kHeader = "Error decoding (M)JPEG header: ";
   const char* kImage = "Error decoding (M)JPEG image: ";
   const size_t kAll = SIZE_MAX;
@@ -273,40 +272,18 @@ TEST(TurboRefusalTest, EachFailureWithItsLogLine) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    Planes planes = patterned(48, 32, 53, 27);
-    Planes expected = planes;
+    Planes planes = patterned(48, 32, 53, 27), expected = planes;
     bool ok = false;
     if (c.how & kFailDestroy) referenceDecode(frame, &expected, &ok);
-    const Outcome outcome =
-        decodeTurbo(c.frame ? c.frame->data() : nullptr, c.size == kAll ? c.frame->size() : c.size,
-                    c.insert_dht, &planes, c.how);
-    EXPECT_FALSE(outcome.ok);
+    std::vector<std::string> errors;
+    EXPECT_FALSE(decodeTurbo(c.frame ? c.frame->data() : nullptr,
+                             c.size == kAll ? c.frame->size() : c.size, c.insert_dht, &planes,
+                             c.how, &errors));
+    const std::string text = tjGetErrorStr();
     EXPECT_EQ(firstDifference(planes, expected), "");
-    EXPECT_EQ(outcome.errors, c.prefix ? std::vector<std::string>{c.prefix + outcome.error_text}
-                                       : std::vector<std::string>{});
-    EXPECT_NE(outcome.error_text.find(c.fragment ? c.fragment : ""), std::string::npos);
-  }
-}
-
-// TurboJPEG falls back on the same standard tables by itself for a frame without any, so the
-// pictures alone can't tell whether and where the segment went in: the stream that reaches
-// tjDecompressToYUV() shows it. Without `insert_dht` it is the frame itself; with it SOI, the
-// whole segment and the rest of the frame, the frame's own DHT segment included. Through the
-// entry point only the low 32 bits of the size count.
-TEST(TurboDHTTest, SegmentStandsRightBehindSOI) {
-  const Frame frame = test::encodeTestFrame(32, 16, TJSAMP_420);
-  for (bool insert_dht : {false, true}) {
-    Planes planes(32, 16);
-    g_decoded_stream.clear();
-    g_decoded_stream_at = nullptr;
-    const size_t wide_size = (size_t{1} << 32) + frame.size();
-    ASSERT_TRUE(decodeTurbo(frame.data(), wide_size, insert_dht, &planes, kEntry).ok);
-    Frame expected = frame;
-    if (insert_dht) {
-      expected.insert(expected.begin() + 2, kMJPGDHTSeg, kMJPGDHTSeg + sizeof(kMJPGDHTSeg));
-    }
-    EXPECT_EQ(g_decoded_stream_at == frame.data(), !insert_dht);
-    EXPECT_EQ(g_decoded_stream, expected);
+    EXPECT_EQ(errors,
+              c.prefix ? std::vector<std::string>{c.prefix + text} : std::vector<std::string>{});
+    EXPECT_NE(text.find(c.fragment ? c.fragment : ""), std::string::npos);
   }
 }
 

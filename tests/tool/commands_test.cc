@@ -20,17 +20,24 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The header of a Y4M file, and the bytes of one of `frames` frames; the chroma planes round
-// odd sizes up.
-std::string y4mHeader(int width, int height, const std::string& fps = "30:1") {
-  return "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F" + fps +
-         " Ip A1:1 C420jpeg XYSCSS=420JPEG XCOLORRANGE=FULL\n";
-}
-size_t y4mSize(int width, int height, int frames, const std::string& fps = "30:1") {
-  const size_t chroma = static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2);
-  return y4mHeader(width, height, fps).size() +
-         frames * (6 + static_cast<size_t>(width) * height + 2 * chroma);
-}
+// A Y4M file the tool writes: its header, and its size with `frames` frames; the chroma
+// planes round odd sizes up.
+struct Y4M {
+  int width = 0, height = 0, frames = 0;
+  std::string fps = "30:1";
+  std::string header() const {
+    return "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F" + fps +
+           " Ip A1:1 C420jpeg XYSCSS=420JPEG XCOLORRANGE=FULL\n";
+  }
+  size_t size() const {
+    const size_t chroma = static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2);
+    return header().size() + frames * (6 + static_cast<size_t>(width) * height + 2 * chroma);
+  }
+  void expectIn(const std::string& data) const {
+    EXPECT_EQ(data.substr(0, header().size()), header());
+    EXPECT_EQ(data.size(), size());
+  }
+};
 
 int countOf(const std::string& text, const std::string& needle) {
   int count = 0;
@@ -47,21 +54,18 @@ std::string summary(const char* label, long n) {
 }
 
 // Runs the tool with `args` and expects exit code `code`, the fragments `out` on stdout and
-// `err` on stderr, and, when `file` is given, a file of `size` bytes there that FFmpeg reads
-// as `probe` (when given).
+// `err` on stderr, and, when `file` is given, the Y4M file `y4m` there.
 ToolRun check(const std::vector<std::string>& args, int code, const std::vector<std::string>& out,
-              const std::vector<std::string>& err, const std::string& file = "", size_t size = 0,
-              const std::string& probe = "") {
-  std::string command;
-  for (const std::string& arg : args) command += " " + arg;
-  SCOPED_TRACE(command);
+              const std::vector<std::string>& err, const std::string& file = "",
+              const Y4M& y4m = {}) {
+  SCOPED_TRACE(testing::PrintToString(args));
   const ToolRun run = runTool(args);
   EXPECT_EQ(run.code, code) << run.describe();
   for (const std::string& text : out) EXPECT_TRUE(has(run.out, text));
   for (const std::string& text : err) EXPECT_TRUE(has(run.err, text));
   if (file.empty()) return run;
-  EXPECT_EQ(std::filesystem::file_size(file), size);
-  EXPECT_EQ(probe.empty() ? "" : probeVideo(file), probe);
+  const Bytes written = readFile(file);
+  y4m.expectIn(std::string(written.begin(), written.end()));
   return run;
 }
 
@@ -91,7 +95,7 @@ TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   }
 }
 
-TEST(ToolCommandTest, DecodesCorpusFramesToY4MThatFFmpegReads) {
+TEST(ToolCommandTest, DecodesCorpusFramesToY4M) {
   VIDRA_REQUIRE_CORPUS(corpusFiles("reftest"), "reftest");
   TempDir dir;
   const std::string in = corpusDir() + "/", out = dir.file("out.y4m");
@@ -100,11 +104,9 @@ TEST(ToolCommandTest, DecodesCorpusFramesToY4MThatFFmpegReads) {
     int width, height;
     bool turbo;
   } cases[] = {
-      {"webcam-480p/again-00.jpg", 640, 480, false},
       // Odd sizes: the library writes the chroma rounded down, the file holds it rounded up.
       {"reftest/jpg-size-1x1.jpg", 1, 1, false},
       {"reftest/jpg-size-17x17.jpg", 17, 17, true},
-      {"reftest/restarts.jpg", 33, 33, false},
   };
   for (const Case& test : cases) {
     const std::string size = std::to_string(test.width) + "x" + std::to_string(test.height);
@@ -113,17 +115,14 @@ TEST(ToolCommandTest, DecodesCorpusFramesToY4MThatFFmpegReads) {
     check(args, 0, {},
           {test.file + ": JPEG file, 1 frames, " + size, summary("decoded", 1),
            test.turbo ? "turbo path (forced)" : "frames/s"},
-          out, y4mSize(test.width, test.height, 1),
-          "yuv4mpegpipe " + size + " yuv420p pc, 1 frames");
+          out, {test.width, test.height, 1});
   }
 
   // Y4M with the given frame rate on stdout, and nothing else: it can be piped into FFmpeg.
   const ToolRun piped = runTool({"decode", "-", "-o", "-", "--quiet", "--fps", "30000:1001"},
                                 in + "webcam-480p/again-01.jpg");
-  const std::string header = y4mHeader(640, 480, "30000:1001");
   EXPECT_EQ(piped.code, 0) << piped.describe();
-  EXPECT_EQ(piped.out.substr(0, header.size()), header);
-  EXPECT_EQ(piped.out.size(), y4mSize(640, 480, 1, "30000:1001"));
+  Y4M{640, 480, 1, "30000:1001"}.expectIn(piped.out);
   EXPECT_EQ(piped.err, "");
 }
 
@@ -160,23 +159,23 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
 
   check({"decode", junk, "-o" + yuv, "--png=5", "-v"}, 0, {},
         {"raw MJPEG stream, 6 frames, 640x480", summary("decoded", 6), summary("junk", 25),
-         "frame 5 (byte "},
-        yuv, 6u * 640 * 480 * 3 / 2);
-  EXPECT_EQ(probeVideo(dir.file("out-frame5.png")), "png_pipe 640x480 rgb24 pc, 1 frames");
+         "frame 5 (byte "});
+  EXPECT_EQ(std::filesystem::file_size(yuv), 6u * 640 * 480 * 3 / 2);
+  EXPECT_EQ(pngInfo(dir.file("out-frame5.png")), "640x480 RGB");
   check({"decode", junk, "--png", "6", "--png-file", dir.file("x.png")}, 2, {},
         {"--png 6: the input has only 6 frames"});
   // Failed, refused and unwritable frames keep their place in the output.
   check({"decode", cut, "-o", out}, 1, {},
         {"frame 2 (byte " + cut_at + ") is cut short", summary("cut short", 1),
          summary("decoded", 2)},
-        out, y4mSize(640, 480, 3));
+        out, {640, 480, 3});
   check({"decode", huge, "-o", out}, 1, {},
         {"frame 1 (byte " + std::to_string(frames[0].size()) +
              ") claims 60000x60000, more than this tool decodes",
          summary("refused", 1)},
-        out, y4mSize(640, 480, 2));
+        out, {640, 480, 2});
   check({"decode", mixed, "-o", out}, 1, {}, {summary("not written", 1), "is 64x32 but "}, out,
-        y4mSize(640, 480, 3));
+        {640, 480, 3});
   // Containers: their frame rate goes into the Y4M header.
   for (const char* format : {"avi", "matroska"}) {
     const std::string clip = dir.file(std::string("clip.") + format);
@@ -184,7 +183,7 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
     check(
         {"decode", clip, "-o", out}, 0, {},
         {format + std::string(" file (MJPEG track #0), 4 frames, 640x480"), summary("decoded", 4)},
-        out, y4mSize(640, 480, 4, "25:1"));
+        out, {640, 480, 4, "25:1"});
   }
 
   // Every other corpus frame has a restart interval of two MCU rows of 40 MCUs.
@@ -231,9 +230,9 @@ TEST(ToolCommandTest, DemoWritesAClipAStreamAndAContactSheet) {
   check({"demo", "--frames", "12", "--size", "192x108", "--rounds", "1", "--out-dir", dir.path(),
          "--save-stream"},
         0, {"12 frames of 192x108", "frame   1  2 bits flipped"}, {},  // 7 * 12 / 60 flips
-        dir.file("demo.y4m"), y4mSize(192, 108, 12), "yuv4mpegpipe 192x108 yuv420p pc, 12 frames");
+        dir.file("demo.y4m"), {192, 108, 12});
   // 8 columns of quarter-size thumbnails with borders, in 2 rows.
-  EXPECT_EQ(probeVideo(dir.file("demo-contact.png")), "png_pipe 520x126 rgb24 pc, 1 frames");
+  EXPECT_EQ(pngInfo(dir.file("demo-contact.png")), "520x126 RGB");
   check({"info", dir.file("demo.mjpeg")}, 0,
         {"layout    192x108 baseline 4:2:2 (2x1,1x1,1x1) (12)", "restart   12 MCUs (1 row) (12)",
          "DHT       absent (12)", "quality   90 (12)", "AVI1"},

@@ -2,7 +2,6 @@
 // headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
 
 #include <gtest/gtest.h>
-#include <png.h>
 #include <turbojpeg.h>
 
 #include <algorithm>
@@ -178,8 +177,8 @@ TEST(ToolImageTest, CompletesTheChromaOfOddSizes) {
       const int expected =
           w2 == 0 || h2 == 0 ? 0x80 : 10 * std::min(row, h2 - 1) + std::min(col, w2 - 1);
       EXPECT_EQ(image.u[i], expected) << row << "," << col;
-      EXPECT_EQ(image.v[i], expected) << row << "," << col;
     }
+    EXPECT_EQ(image.v, image.u);
   }
 }
 
@@ -188,15 +187,9 @@ TEST(ToolPNGWriterTest, WritesWhatLibpngReadsBack) {
   tool::RGBImage image;
   image.resize(7, 5);
   for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = static_cast<uint8_t>(i * 7);
-  const std::string path = dir.file("picture.png");
-  tool::writePNG(path, image);
-  png_image read{};
-  read.version = PNG_IMAGE_VERSION;
-  ASSERT_TRUE(png_image_begin_read_from_file(&read, path.c_str()));
-  read.format = PNG_FORMAT_RGB;
-  EXPECT_EQ(std::make_pair(read.width, read.height), std::make_pair(7u, 5u));
-  Bytes pixels(PNG_IMAGE_SIZE(read));
-  ASSERT_TRUE(png_image_finish_read(&read, nullptr, pixels.data(), 0, nullptr));
+  tool::writePNG(dir.file("picture.png"), image);
+  Bytes pixels;
+  EXPECT_EQ(pngInfo(dir.file("picture.png"), &pixels), "7x5 RGB");
   EXPECT_EQ(pixels, image.pixels);
   EXPECT_THROW(tool::writePNG(dir.file("no/such/folder.png"), image), tool::ToolError);
 }

@@ -1,15 +1,16 @@
 #include "tool/tool_test_support.h"
 
+#include <png.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 
 #include <cstring>
 #include <filesystem>
 #include <sstream>
+#include <utility>
 
 extern "C" {
 #include <libavformat/avformat.h>
-#include <libavutil/pixdesc.h>
 }
 
 namespace vidra {
@@ -89,59 +90,45 @@ std::string muxMJPEG(const std::string& path, const char* format,
   AVStream* stream = avformat_new_stream(context, nullptr);
   const AVRational rate{1, 25};
   stream->time_base = rate;
-  stream->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
-  stream->codecpar->codec_id = AV_CODEC_ID_MJPEG;
-  stream->codecpar->width = width;
-  stream->codecpar->height = height;
-  stream->codecpar->format = AV_PIX_FMT_YUVJ422P;
-  std::string error;
-  if (avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE) < 0 ||
-      avformat_write_header(context, nullptr) < 0) {
-    error = "cannot start " + path;
-  } else {
-    AVPacket* packet = av_packet_alloc();
-    for (size_t i = 0; i < frames.size() && error.empty(); ++i) {
-      // Not reference-counted: the muxer copies the data.
-      packet->data = const_cast<uint8_t*>(frames[i].data());
-      packet->size = static_cast<int>(frames[i].size());
-      packet->pts = packet->dts = av_rescale_q(static_cast<int64_t>(i), rate, stream->time_base);
-      packet->duration = av_rescale_q(1, rate, stream->time_base);
-      packet->stream_index = stream->index;
-      packet->flags = AV_PKT_FLAG_KEY;
-      if (av_interleaved_write_frame(context, packet) < 0) error = "cannot write a packet";
-    }
-    av_packet_free(&packet);
-    if (av_write_trailer(context) < 0 && error.empty()) error = "cannot write the trailer";
+  AVCodecParameters* video = stream->codecpar;
+  video->codec_type = AVMEDIA_TYPE_VIDEO;
+  video->codec_id = AV_CODEC_ID_MJPEG;
+  video->width = width;
+  video->height = height;
+  video->format = AV_PIX_FMT_YUVJ422P;
+  bool ok = avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0 &&
+            avformat_write_header(context, nullptr) >= 0;
+  const bool started = ok;
+  AVPacket* packet = av_packet_alloc();
+  for (size_t i = 0; i < frames.size() && ok; ++i) {
+    // Not reference-counted: the muxer copies the data. The muxer may have changed the time
+    // base when it wrote the header.
+    packet->data = const_cast<uint8_t*>(frames[i].data());
+    packet->size = static_cast<int>(frames[i].size());
+    packet->pts = packet->dts = av_rescale_q(static_cast<int64_t>(i), rate, stream->time_base);
+    packet->duration = av_rescale_q(1, rate, stream->time_base);
+    packet->flags = AV_PKT_FLAG_KEY;
+    ok = av_interleaved_write_frame(context, packet) >= 0;
   }
+  av_packet_free(&packet);
+  ok = started && av_write_trailer(context) >= 0 && ok;
   avio_closep(&context->pb);
   avformat_free_context(context);
-  return error;
+  return ok ? "" : "cannot write " + path;
 }
 
-std::string probeVideo(const std::string& path) {
-  AVFormatContext* context = nullptr;
-  if (avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0) {
-    return "error: libavformat can't open " + path;
-  }
-  const int index = avformat_find_stream_info(context, nullptr) < 0
-                        ? -1
-                        : av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-  std::string probe = "error: no video stream in " + path;
-  if (index >= 0) {
-    const AVCodecParameters* video = context->streams[index]->codecpar;
-    const char* pix_fmt = av_get_pix_fmt_name(static_cast<AVPixelFormat>(video->format));
-    int frames = 0;
-    AVPacket* packet = av_packet_alloc();
-    for (; av_read_frame(context, packet) >= 0; av_packet_unref(packet)) {
-      frames += packet->stream_index == index;
-    }
-    av_packet_free(&packet);
-    probe = std::string(context->iformat->name) + " " + std::to_string(video->width) + "x" +
-            std::to_string(video->height) + " " + (pix_fmt ? pix_fmt : "?") + " " +
-            av_color_range_name(video->color_range) + ", " + std::to_string(frames) + " frames";
-  }
-  avformat_close_input(&context);
-  return probe;
+std::string pngInfo(const std::string& path, std::vector<uint8_t>* pixels) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&image, path.c_str())) return "unreadable";
+  const std::string size = std::to_string(image.width) + "x" + std::to_string(image.height);
+  const std::string info =
+      size + (image.format == PNG_FORMAT_RGB ? " RGB" : " format " + std::to_string(image.format));
+  image.format = PNG_FORMAT_RGB;
+  std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(image));
+  if (!png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr)) return "unreadable";
+  if (pixels) *pixels = std::move(rgb);
+  return info;
 }
 
 }  // namespace test

@@ -59,9 +59,9 @@ std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frame
 std::string muxMJPEG(const std::string& path, const char* format,
                      const std::vector<std::vector<uint8_t>>& frames, int width, int height);
 
-// What libavformat makes of the video stream of a file, as "<format> <W>x<H> <pixel format>
-// <colour range>, <packets> frames", or "error: ...".
-std::string probeVideo(const std::string& path);
+// A PNG file as libpng reads it: "<W>x<H> RGB" for 8-bit RGB, "<W>x<H> format <n>" otherwise,
+// "unreadable" when libpng refuses it; its pixels, as RGB, into `pixels` when given.
+std::string pngInfo(const std::string& path, std::vector<uint8_t>* pixels = nullptr);
 
 }  // namespace test
 }  // namespace vidra
