@@ -125,9 +125,18 @@ VIDRA_ALWAYS_INLINE int32_t takeEntry(uint32_t entry, uint64_t bits, unsigned* c
   return whole ? entryValue(entry) : extendValue(raw, size);
 }
 
-// The sub-table entry that a link leads to; `bits` begins behind the first-level index.
-VIDRA_ALWAYS_INLINE uint32_t followLink(const uint32_t* table, uint32_t link, uint64_t bits) {
-  return table[linkOffset(link) + static_cast<uint32_t>((bits >> 1) >> (63 - linkBits(link)))];
+// Resolves a first-level entry that isn't a whole entry. A link is followed into its sub-table:
+// the first-level index counts as `skipped` bits, and the symbol's bits, in `bits`, come from
+// `refill` behind them. Any other entry is returned as it is. A result below kFetchEntry is an
+// empty entry at either level (or a link inside a sub-table): the span fails.
+VIDRA_ALWAYS_INLINE uint32_t resolveEntry(const uint32_t* table, uint32_t entry,
+                                          unsigned index_bits, uint64_t refill, uint64_t* bits,
+                                          unsigned* skipped) {
+  *skipped = 0;
+  if (entry >= kFetchEntry || entry < kLinkEntry) return entry;
+  *skipped = index_bits;
+  *bits = refill << index_bits;
+  return table[linkOffset(entry) + static_cast<uint32_t>((*bits >> 1) >> (63 - linkBits(entry)))];
 }
 
 // ---- The span loop ------------------------------------------------------------------------
@@ -214,14 +223,9 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
           difference = entryValue(entry);
         } else {
           uint64_t bits = reservoir;
-          unsigned skipped = 0;
-          if (entry < kFetchEntry) {
-            if (entry < kLinkEntry) goto done;
-            skipped = kDCIndexBits;
-            bits = refill << kDCIndexBits;
-            entry = followLink(table, entry, bits);
-            if (entry < kFetchEntry) goto done;
-          }
+          unsigned skipped;
+          entry = resolveEntry(table, entry, kDCIndexBits, refill, &bits, &skipped);
+          if (entry < kFetchEntry) goto done;
           difference = takeEntry(entry, bits, &consumed);
           consumed += skipped;
         }
@@ -252,14 +256,9 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
             value = entryValue(entry);
           } else {
             uint64_t bits = reservoir;
-            unsigned skipped = 0;
-            if (entry < kFetchEntry) {
-              if (entry < kLinkEntry) goto done;
-              skipped = kACIndexBits;
-              bits = refill << kACIndexBits;
-              entry = followLink(table, entry, bits);
-              if (entry < kFetchEntry) goto done;
-            }
+            unsigned skipped;
+            entry = resolveEntry(table, entry, kACIndexBits, refill, &bits, &skipped);
+            if (entry < kFetchEntry) goto done;
             if ((entry >> 29) == (kEndOfBlockEntry >> 29)) {
               consumed = skipped + (entry & 0xFF);  // eob_length
               bit_position += consumed;
