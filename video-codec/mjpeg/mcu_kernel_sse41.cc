@@ -104,22 +104,31 @@ struct VectorReconstruction {
   }
 
   // One AAN pass on eight vectors at once: v[i] holds input i of eight transforms, one per
-  // lane; on return v[o] holds output o.
+  // lane; on return v[o] holds output o. With `kLow4`, inputs 4..7 are taken as zero and v[4..7]
+  // isn't read, and the compiler drops every add or subtract of that zero: the short pass for a
+  // block whose values all lie in rows (or columns) 0..3. Adding or subtracting zero changes no
+  // 16-bit value, so both forms give the same outputs.
+  template <bool kLow4 = false>
   static inline void aanPass(const Constants& k, __m128i v[8]) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i i4 = kLow4 ? zero : v[4];
+    const __m128i i5 = kLow4 ? zero : v[5];
+    const __m128i i6 = kLow4 ? zero : v[6];
+    const __m128i i7 = kLow4 ? zero : v[7];
     // Even part.
-    const __m128i a0 = _mm_add_epi16(v[0], v[4]);
-    const __m128i a1 = _mm_sub_epi16(v[0], v[4]);
-    const __m128i a3 = _mm_add_epi16(v[2], v[6]);
-    const __m128i a2 = _mm_sub_epi16(fmul(_mm_sub_epi16(v[2], v[6]), k.sqrt2), a3);
+    const __m128i a0 = _mm_add_epi16(v[0], i4);
+    const __m128i a1 = _mm_sub_epi16(v[0], i4);
+    const __m128i a3 = _mm_add_epi16(v[2], i6);
+    const __m128i a2 = _mm_sub_epi16(fmul(_mm_sub_epi16(v[2], i6), k.sqrt2), a3);
     const __m128i e0 = _mm_add_epi16(a0, a3);
     const __m128i e3 = _mm_sub_epi16(a0, a3);
     const __m128i e1 = _mm_add_epi16(a1, a2);
     const __m128i e2 = _mm_sub_epi16(a1, a2);
     // Odd part.
-    const __m128i z13 = _mm_add_epi16(v[5], v[3]);
-    const __m128i z10 = _mm_sub_epi16(v[5], v[3]);
-    const __m128i z11 = _mm_add_epi16(v[1], v[7]);
-    const __m128i z12 = _mm_sub_epi16(v[1], v[7]);
+    const __m128i z13 = _mm_add_epi16(i5, v[3]);
+    const __m128i z10 = _mm_sub_epi16(i5, v[3]);
+    const __m128i z11 = _mm_add_epi16(v[1], i7);
+    const __m128i z12 = _mm_sub_epi16(v[1], i7);
     const __m128i s7 = _mm_add_epi16(z11, z13);
     const __m128i s11 = fmul(_mm_sub_epi16(z11, z13), k.sqrt2);
     const __m128i z5 = fmul(_mm_add_epi16(z10, z12), k.c1_847);
@@ -164,52 +173,6 @@ struct VectorReconstruction {
     v[5] = _mm_unpackhi_epi64(u2, u6);
     v[6] = _mm_unpacklo_epi64(u3, u7);
     v[7] = _mm_unpackhi_epi64(u3, u7);
-  }
-
-  // aanPass() for inputs 4..7 all zero: v[0..3] in, v[0..7] out.
-  static inline void aanPassLow4(const Constants& k, __m128i v[8]) {
-    const __m128i zero = _mm_setzero_si128();
-    // Even part: a0 = a1 = i0, a3 = i2, a2 = fmul(i2, 23168) - i2.
-    const __m128i a2 = _mm_sub_epi16(fmul(v[2], k.sqrt2), v[2]);
-    const __m128i e0 = _mm_add_epi16(v[0], v[2]);
-    const __m128i e3 = _mm_sub_epi16(v[0], v[2]);
-    const __m128i e1 = _mm_add_epi16(v[0], a2);
-    const __m128i e2 = _mm_sub_epi16(v[0], a2);
-    // Odd part: z13 = i3, z10 = -i3, z11 = z12 = i1.
-    const __m128i z10 = _mm_sub_epi16(zero, v[3]);
-    const __m128i difference = _mm_sub_epi16(v[1], v[3]);  // z11 - z13, and z10 + z12
-    const __m128i s7 = _mm_add_epi16(v[1], v[3]);
-    const __m128i s11 = fmul(difference, k.sqrt2);
-    const __m128i z5 = fmul(difference, k.c1_847);
-    const __m128i s10 = _mm_sub_epi16(fmul(v[1], k.c1_082), z5);
-    const __m128i s12 = _mm_add_epi16(_mm_sub_epi16(fmul(z10, k.minus1_613), z10), z5);
-    const __m128i s6 = _mm_sub_epi16(s12, s7);
-    const __m128i s5 = _mm_sub_epi16(s11, s6);
-    const __m128i s4 = _mm_add_epi16(s10, s5);
-    v[0] = _mm_add_epi16(e0, s7);
-    v[7] = _mm_sub_epi16(e0, s7);
-    v[1] = _mm_add_epi16(e1, s6);
-    v[6] = _mm_sub_epi16(e1, s6);
-    v[2] = _mm_add_epi16(e2, s5);
-    v[5] = _mm_sub_epi16(e2, s5);
-    v[4] = _mm_add_epi16(e3, s4);
-    v[3] = _mm_sub_epi16(e3, s4);
-  }
-
-  // transpose() for lanes 4..7 all zero: only v[0..3] of the result are formed.
-  static inline void transposeLow4(__m128i v[8]) {
-    const __m128i t0 = _mm_unpacklo_epi16(v[0], v[1]);
-    const __m128i t2 = _mm_unpacklo_epi16(v[2], v[3]);
-    const __m128i t4 = _mm_unpacklo_epi16(v[4], v[5]);
-    const __m128i t6 = _mm_unpacklo_epi16(v[6], v[7]);
-    const __m128i u0 = _mm_unpacklo_epi32(t0, t2);
-    const __m128i u1 = _mm_unpackhi_epi32(t0, t2);
-    const __m128i u4 = _mm_unpacklo_epi32(t4, t6);
-    const __m128i u5 = _mm_unpackhi_epi32(t4, t6);
-    v[0] = _mm_unpacklo_epi64(u0, u4);
-    v[1] = _mm_unpackhi_epi64(u0, u4);
-    v[2] = _mm_unpacklo_epi64(u1, u5);
-    v[3] = _mm_unpackhi_epi64(u1, u5);
   }
 
   // The final shift, toSample and the byte transpose back to rows, from lane r of v[x] holding
@@ -260,9 +223,9 @@ struct VectorReconstruction {
     for (int r = 0; r < 4; ++r) {
       v[r] = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 8 * r));
     }
-    aanPassLow4(k, v);
-    transposeLow4(v);
-    aanPassLow4(k, v);
+    aanPass<true>(k, v);  // reads v[0..3], writes all eight
+    transpose(v);         // the second pass reads only v[0..3]: the compiler forms only those
+    aanPass<true>(k, v);
     storeSamples(k, v, dest, stride);
   }
 };
