@@ -132,11 +132,21 @@ std::vector<uint8_t> encodeTestFrame(int width, int height, int subsampling, int
   if (!gray) {
     int h = 1, v = 1;
     switch (subsampling) {
-      case TJSAMP_422: h = 2; break;
-      case TJSAMP_420: h = 2; v = 2; break;
-      case TJSAMP_440: v = 2; break;
-      case TJSAMP_411: h = 4; break;
-      default: break;
+      case TJSAMP_422:
+        h = 2;
+        break;
+      case TJSAMP_420:
+        h = 2;
+        v = 2;
+        break;
+      case TJSAMP_440:
+        v = 2;
+        break;
+      case TJSAMP_411:
+        h = 4;
+        break;
+      default:
+        break;
     }
     cinfo.comp_info[0].h_samp_factor = h;
     cinfo.comp_info[0].v_samp_factor = v;
@@ -165,7 +175,8 @@ std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame) {
     const uint8_t marker = frame[pos + 1];
     const size_t length = (frame[pos + 2] << 8) | frame[pos + 3];
     if (marker == 0xDA) break;
-    if (marker != 0xC4) out.insert(out.end(), frame.begin() + pos, frame.begin() + pos + 2 + length);
+    if (marker != 0xC4)
+      out.insert(out.end(), frame.begin() + pos, frame.begin() + pos + 2 + length);
     pos += 2 + length;
   }
   out.insert(out.end(), frame.begin() + pos, frame.end());

@@ -15,8 +15,8 @@ std::string corpusDir();
 // Sorted paths of the *.jpg files in corpusDir()/`folder`; empty when the folder is absent.
 std::vector<std::string> corpusFiles(const std::string& folder);
 // Skips the current test with a message when `folder` of the corpus has no frames.
-#define VIDRA_REQUIRE_CORPUS(files, folder)                                              \
-  do {                                                                                   \
+#define VIDRA_REQUIRE_CORPUS(files, folder)                                            \
+  do {                                                                                 \
     if ((files).empty()) GTEST_SKIP() << "corpus folder " << (folder) << " not found"; \
   } while (0)
 

@@ -5,10 +5,10 @@
 
 #include "vidra/log.h"
 
-#define JPEG_CHECK(condition)                                                              \
-  do {                                                                                     \
-    if (!(condition)) {                                                                    \
-      VIDRA_LOG(2, "mjpeg") << __LINE__ << ": JPEG assertion failed " #condition;          \
-      return false;                                                                        \
-    }                                                                                      \
+#define JPEG_CHECK(condition)                                                     \
+  do {                                                                            \
+    if (!(condition)) {                                                           \
+      VIDRA_LOG(2, "mjpeg") << __LINE__ << ": JPEG assertion failed " #condition; \
+      return false;                                                               \
+    }                                                                             \
   } while (0)

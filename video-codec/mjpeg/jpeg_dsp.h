@@ -51,14 +51,14 @@ const DSPFunctions& dsp();
 void setDSPForTesting(const DSPFunctions* functions);
 
 // Scalar forms.
-void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                        int width, int height);
-void resample422To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                        int width, int height);
+void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,
+                        int height);
+void resample422To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,
+                        int height);
 void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
-void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask,
-                        uint8_t last_position, uint8_t* dest, int stride);
+void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
+                        uint8_t* dest, int stride);
 int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context);
 
 #if defined(__x86_64__)

@@ -36,18 +36,18 @@ static_assert(sizeof(MCUBlock) == 56);
 
 // Control block of one kernel call.
 struct MCUSpanContext {
-  int16_t dc_pred_[8];         // DC predictors by component_; cleared by the kernel
-  const uint8_t* data_;        // first de-stuffed byte of the span (0xFF sentinel behind it)
-  const MCUBlock* blocks_;     // the block list of one MCU
-  uint8_t* dest_;              // on entry: end of the readable bytes behind data_ (see
-                               // below); then kernel scratch: destination of the current block
-  uint32_t mcu_x_;             // MCU column of the next MCU
-  uint32_t mcu_y_;             // MCU row of the next MCU
-  uint32_t blocks_per_mcu_;    // records in blocks_
-  uint32_t mcu_count_;         // MCUs to decode in this call
-  uint32_t mcus_per_row_;      // MCU columns of the frame
-  uint32_t blocks_left_;       // kernel scratch
-  uint32_t mcus_left_;         // kernel scratch
+  int16_t dc_pred_[8];       // DC predictors by component_; cleared by the kernel
+  const uint8_t* data_;      // first de-stuffed byte of the span (0xFF sentinel behind it)
+  const MCUBlock* blocks_;   // the block list of one MCU
+  uint8_t* dest_;            // on entry: end of the readable bytes behind data_ (see
+                             // below); then kernel scratch: destination of the current block
+  uint32_t mcu_x_;           // MCU column of the next MCU
+  uint32_t mcu_y_;           // MCU row of the next MCU
+  uint32_t blocks_per_mcu_;  // records in blocks_
+  uint32_t mcu_count_;       // MCUs to decode in this call
+  uint32_t mcus_per_row_;    // MCU columns of the frame
+  uint32_t blocks_left_;     // kernel scratch
+  uint32_t mcus_left_;       // kernel scratch
 };
 static_assert(offsetof(MCUSpanContext, dc_pred_) == 0);
 static_assert(offsetof(MCUSpanContext, data_) == 16);

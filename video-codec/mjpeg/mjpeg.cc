@@ -23,15 +23,14 @@ void setForceJPEGTurboDecoder(bool force) {
 }
 
 bool decompressMJPEG(const uint8_t* data, size_t size, int width, int height, bool insert_dht,
-                     uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v,
-                     int v_stride) {
+                     uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v, int v_stride) {
   // Only the low 32 bits of `size` reach either decoder.
   const uint32_t size32 = static_cast<uint32_t>(size);
   const bool force_turbo = __atomic_load_n(&g_force_use_jt_decoder, __ATOMIC_RELAXED);
   if (!force_turbo && g_cpu_info_.supports_fast_decoder()) {
     SimpleJPEGDecoder decoder;
-    return decoder.decompress(data, size32, width, height, insert_dht, y, y_stride, u, u_stride,
-                              v, v_stride);
+    return decoder.decompress(data, size32, width, height, insert_dht, y, y_stride, u, u_stride, v,
+                              v_stride);
   }
   JTDecoder decoder;
   return decoder.decompress(data, size32, width, height, insert_dht, y, y_stride, u, u_stride, v,
@@ -50,9 +49,9 @@ bool getJPEGImageSize(const uint8_t* data, size_t size, int* width, int* height)
   if (width != nullptr) *width = 0;
   if (height != nullptr) *height = 0;
   int subsampling = 0;
-  const int result = tjDecompressHeader2(handle, const_cast<uint8_t*>(data),
-                                         static_cast<unsigned long>(length), width, height,
-                                         &subsampling);
+  const int result =
+      tjDecompressHeader2(handle, const_cast<uint8_t*>(data), static_cast<unsigned long>(length),
+                          width, height, &subsampling);
   if (result != 0) {
     VIDRA_LOG(2, "mjpeg") << "Error decoding (M)JPEG header: " << tjGetErrorStr();
   }
