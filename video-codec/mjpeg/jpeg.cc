@@ -210,7 +210,9 @@ void SimpleJPEGDecoder::allocateImages() {
     total_bytes += static_cast<size_t>(channel.stride_) * channel.height_;
     any_named = true;
   }
-  // Without a frame header no slot is named and there is nothing to allocate.
+  // Without a frame header no slot is named and there is nothing to allocate. A failing
+  // allocation throws std::bad_alloc out to the caller: there is no path for an exhausted heap,
+  // and the destructor releases whatever was allocated before.
   if (!any_named) return;
   // A decoder allocates its planes once; should this run again, all earlier planes go first,
   // whether they lie in a block or were set up one by one.
@@ -295,13 +297,24 @@ bool SimpleJPEGDecoder::parseSOS(JPEGBuffer* input) {
 
   // Plane sizes, before anything is allocated. Every plane is addressed with int32 sizes and
   // offsets, and a header of 65535x65535 would ask for 4 GiB per plane: a plane whose byte
-  // count doesn't fit an int32 is refused. A large frame (over 32 MiB of planes, the planes
-  // that the scan doesn't name included, since they are allocated and cleared too) is further
-  // refused when it has fewer input bytes left than a quarter of its blocks: decoding a block
-  // takes at least two bits (a one-bit DC code and a one-bit end of block), so such a frame
-  // could decode only a sliver of its MCUs and would end false by the 80% rule anyway, and a
-  // few bytes of hostile input must not make the decoder allocate hundreds of MiB first.
-  // Smaller frames always go through, so that truncated ones are concealed, not refused.
+  // count doesn't fit an int32 is refused.
+  //
+  // A few bytes of hostile input must not make the decoder allocate and fill hundreds of MiB
+  // either, so a large frame (over 32 MiB of planes) is refused when its input is too short to
+  // pass `kMinValidMCUs`. With tables of ITU T.81 form no code is all ones, so no code can
+  // start inside the sentinel: each code of a decoded block starts at a bit of a segment, and a
+  // block takes at least two codes (DC and one AC symbol). So n bytes of segment data hold the
+  // codes of at most 4n blocks (de-stuffing and restart markers only make the segments shorter
+  // than the input), and decoding more than 80% of the blocks needs more than frame_blocks / 5
+  // bytes. The bound asks for frame_blocks / 6, which leaves room for the single-precision
+  // arithmetic of the verdict. It counts the blocks of every component, so it never refuses a
+  // frame that could pass when the scan names each component once (what cameras send); a scan
+  // that leaves some out is held to it all the same, since their planes are allocated and
+  // cleared too. Tables that assign an all-ones code (which ITU T.81 excludes and libjpeg
+  // refuses) can decode a few blocks per span out of the sentinel with no input at all, and
+  // could pass with less; the bound refuses them as well, since nothing else would bound their
+  // memory. Smaller frames always go through, so that truncated ones are concealed, not
+  // refused.
   int64_t frame_bytes = 0;
   int64_t frame_blocks = 0;
   for (const Component& component : header_.components_) {
@@ -312,7 +325,7 @@ bool SimpleJPEGDecoder::parseSOS(JPEGBuffer* input) {
     frame_bytes += plane_bytes;
     frame_blocks += blocks;
   }
-  const uint64_t min_entropy_bytes = static_cast<uint64_t>(frame_blocks + 3) / 4;
+  const uint64_t min_entropy_bytes = static_cast<uint64_t>(frame_blocks) / 6;
   JPEG_CHECK(frame_bytes <= kLargeFrameBytes || input->getRemainingBytes() >= min_entropy_bytes);
 
   // All components of the frame get their planes, named by the scan or not.
