@@ -46,6 +46,8 @@ TEST(LoggingTest, LevelsPerChannelAndDefault) {
   setLoggerLevel("mjpeg", 0);
   EXPECT_FALSE(isLoggerEnabled(1, "mjpeg"));
   EXPECT_TRUE(isLoggerEnabled(1, "check"));
+  setLoggerLevel(std::string(40, 'x').c_str(), 0);  // a name longer than a slot holds
+  EXPECT_FALSE(isLoggerEnabled(1, std::string(40, 'x').c_str()));
   setLoggerLevel(nullptr, 8);
   EXPECT_TRUE(isLoggerEnabled(8, "anything"));
   EXPECT_FALSE(isLoggerEnabled(2, "mjpeg"));  // its own level still stands

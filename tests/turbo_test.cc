@@ -219,6 +219,37 @@ TEST(TurboGeneratedTest, AllLayoutsSizesAndStrides) {
   }
 }
 
+// Bottom-up planes (each pointer at the last row, negative strides) get the rows of top-down ones
+// in reverse order, the grey chroma of 4:4:0 and grey frames included, and nothing between rows
+// is written.
+TEST(TurboGeneratedTest, BottomUpPlanes) {
+  const int w = 37, h = 21, y_stride = w + 5, uv_stride = w / 2 + 3;
+  for (int sub : {TJSAMP_420, TJSAMP_440, TJSAMP_GRAY}) {
+    SCOPED_TRACE(sub);
+    const Frame frame = test::encodeTestFrame(w, h, sub);
+    Planes top = patterned(w, h, y_stride, uv_stride), bottom = top, expected = top;
+    std::vector<std::string> errors;
+    ASSERT_TRUE(decodeTurbo(frame.data(), frame.size(), false, &top, 0, &errors));
+    auto last = [](std::vector<uint8_t>& plane, int stride, int rows) {
+      return plane.data() + static_cast<size_t>(stride) * (rows - 1);
+    };
+    JTDecoder decoder;
+    ASSERT_TRUE(decoder.decompress(frame.data(), static_cast<uint32_t>(frame.size()), w, h, false,
+                                   last(bottom.y, y_stride, h), -y_stride,
+                                   last(bottom.u, uv_stride, h / 2), -uv_stride,
+                                   last(bottom.v, uv_stride, h / 2), -uv_stride));
+    for (auto plane : {&Planes::y, &Planes::u, &Planes::v}) {
+      const bool luma = plane == &Planes::y;
+      const int stride = luma ? y_stride : uv_stride, rows = luma ? h : h / 2;
+      for (int row = 0; row < rows; ++row) {
+        std::copy_n((top.*plane).begin() + row * stride, luma ? w : w / 2,
+                    (expected.*plane).begin() + (rows - 1 - row) * stride);
+      }
+    }
+    EXPECT_EQ(firstDifference(bottom, expected), "");
+  }
+}
+
 // Each way a frame is refused, with its log line (the text behind the prefix is TurboJPEG's
 // error text of that moment) or none. The planes, stride gaps included, stay untouched, except
 // when only tjDestroy() fails: then they hold the whole frame and the result is false all the

@@ -22,8 +22,11 @@ namespace jpeg {
 
 // Decodes the frame `data` (`size` bytes, starting at its SOI marker) into `y` (`width` x
 // `height` samples) and `u`, `v` (`width` / 2 x `height` / 2 samples, rounding down), each
-// plane with its own stride in bytes. Frames of any baseline layout (4:2:0, 4:2:2, 4:4:4, grey)
-// arrive as 4:2:0.
+// plane with its own stride in bytes. Frames in 4:2:0, 4:2:2 and 4:4:4 arrive as 4:2:0; other
+// three-component layouts (4:4:0, 4:1:1) arrive as their luma with neutral (0x80) chroma.
+// Grey (one-component) frames are refused by the library's own decoder; only the TurboJPEG path
+// (a processor without SSSE3/SSE4.1, or setForceJPEGTurboDecoder(true)) decodes them, as luma
+// with neutral chroma.
 //
 // `insert_dht`: the frame may lack Huffman tables, as many MJPEG cameras send them; the
 // TurboJPEG path then needs the default tables put in front. The library's own decoder finds
@@ -39,8 +42,7 @@ VIDRA_MJPEG_EXPORT bool decompressMJPEG(const uint8_t* data, size_t size, int wi
 
 // Reads the frame's dimensions from its header (through TurboJPEG). Returns false and logs
 // the reason when the header can't be read.
-VIDRA_MJPEG_EXPORT bool getJPEGImageSize(const uint8_t* data, size_t size, int* width,
-                                         int* height);
+VIDRA_MJPEG_EXPORT bool getJPEGImageSize(const uint8_t* data, size_t size, int* width, int* height);
 
 // true: decode every following frame with TurboJPEG instead of the library's own decoder.
 VIDRA_MJPEG_EXPORT void setForceJPEGTurboDecoder(bool force);

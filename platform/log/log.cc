@@ -32,11 +32,17 @@ std::mutex g_sink_mutex;    // serialises emission, so lines never interleave
 LogSink g_sink = nullptr;
 void* g_sink_user = nullptr;
 
+// A slot stores at most the first kMaxChannelName - 1 characters of a name, and names are
+// compared on exactly that prefix: a longer name finds the slot that it was stored in (and
+// takes no new slot at each setLoggerLevel() call), at the price that names which agree in
+// their first kMaxChannelName - 1 characters share one level.
 const ChannelLevel* findChannel(const char* channel) {
   if (channel == nullptr) return nullptr;
   const int count = g_channel_count.load(std::memory_order_acquire);
   for (int i = 0; i < count; ++i) {
-    if (std::strncmp(g_channels[i].name, channel, kMaxChannelName) == 0) return &g_channels[i];
+    if (std::strncmp(g_channels[i].name, channel, kMaxChannelName - 1) == 0) {
+      return &g_channels[i];
+    }
   }
   return nullptr;
 }
@@ -138,6 +144,7 @@ void setLoggerLevel(const char* channel, int level) {
     const int count = g_channel_count.load(std::memory_order_relaxed);
     if (count < kMaxChannels) {
       ChannelLevel& slot = g_channels[count];
+      // The prefix that findChannel() compares.
       std::strncpy(slot.name, channel, kMaxChannelName - 1);
       slot.name[kMaxChannelName - 1] = '\0';
       slot.level.store(level, std::memory_order_relaxed);

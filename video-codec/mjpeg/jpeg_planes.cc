@@ -5,6 +5,7 @@
 // with the planes that TurboJPEG delivers. The resamplers dispatch through dsp(), so a
 // processor without SSSE3/SSE4.1 runs the scalar forms below and never a vector form.
 
+#include <cstddef>
 #include <cstring>
 
 #include "jpeg_dsp.h"
