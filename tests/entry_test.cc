@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 
+#include <algorithm>
+#include <memory>
 #include <tuple>
 #include <utility>
 
+#include "jpeg.h"
 #include "mjpeg.h"
 #include "support/test_support.h"
 #include "vidra/mjpeg.h"
@@ -40,6 +43,73 @@ TEST_F(SelectionTest, ForceFlagPicksTurboUntilCleared) {
     decompressMJPEG(frame.data(), frame.size(), 64, 48, false, planes.y.data(), planes.y_stride,
                     planes.u.data(), planes.uv_stride, planes.v.data(), planes.uv_stride);
     EXPECT_EQ(decoderUsed(capture), force ? "turbo" : fast) << "force=" << force;
+  }
+}
+
+// Every log line of a call as "level channel text".
+std::vector<std::string> logOf(const LogCapture& capture) {
+  std::vector<std::string> lines;
+  for (const test::LogLine& line : capture.lines()) {
+    lines.push_back(std::to_string(line.level) + " " + line.channel + " " + line.text);
+  }
+  return lines;
+}
+
+// With the flag off on a processor that allows it, decompressMJPEG() is SimpleJPEGDecoder and
+// nothing else: the same result, planes and log lines as the decoder called directly, also for
+// frames that it refuses (a progressive one) or counts as failed after concealment (one cut in
+// half), where TurboJPEG must not be tried instead. Each input lies in a heap block of exactly
+// its size, so the address sanitizer would see a read behind it. Two calls add 4 GiB to the
+// size, of which only the low 32 bits may reach the decoder: else the cut frame's entropy data
+// would run on behind its end.
+TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
+  if (!g_cpu_info_.supports_fast_decoder()) {
+    GTEST_SKIP() << "the processor (or VIDRA_CPU_MASK) rules out the fast path";
+  }
+  // The SOF0 marker, found among the segments in front of SOS, turned into SOF2.
+  std::vector<uint8_t> progressive = test::encodeTestFrame(64, 48, TJSAMP_420);
+  size_t pos = 2;
+  while (pos + 4 < progressive.size() && progressive[pos + 1] != 0xC0) {
+    pos += 2 + ((progressive[pos + 2] << 8) | progressive[pos + 3]);
+  }
+  ASSERT_LT(pos + 4, progressive.size());
+  progressive[pos + 1] = 0xC2;
+  std::vector<uint8_t> truncated = test::encodeTestFrame(64, 48, TJSAMP_420);
+  truncated.resize(truncated.size() / 2);
+  const size_t k4GiB = static_cast<size_t>(uint64_t{1} << 32);  // 0 on 32-bit builds
+  const struct {
+    const char* name;
+    std::vector<uint8_t> frame;
+    int width, height;
+    size_t extra_size;
+    bool ok;
+  } cases[] = {
+      {"4:2:0", test::encodeTestFrame(77, 45, TJSAMP_420), 77, 45, 0, true},
+      {"4:2:2, 4 GiB more", test::encodeTestFrame(101, 75, TJSAMP_422), 101, 75, k4GiB, true},
+      {"progressive", progressive, 64, 48, 0, false},
+      {"truncated, 4 GiB more", truncated, 64, 48, k4GiB, false},
+  };
+  setForceJPEGTurboDecoder(false);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::unique_ptr<uint8_t[]> data(new uint8_t[c.frame.size()]);
+    std::copy(c.frame.begin(), c.frame.end(), data.get());
+    test::Planes direct(c.width, c.height, c.width + 3, c.width / 2 + 5), entry = direct;
+    LogCapture capture(/*mjpeg_level=*/6);
+    SimpleJPEGDecoder decoder;
+    const bool expected = decoder.decompress(data.get(), c.frame.size(), c.width, c.height, false,
+                                             direct.y.data(), direct.y_stride, direct.u.data(),
+                                             direct.uv_stride, direct.v.data(), direct.uv_stride);
+    EXPECT_EQ(expected, c.ok);
+    const std::vector<std::string> direct_log = logOf(capture);
+    capture.clear();
+    EXPECT_EQ(decompressMJPEG(data.get(), c.frame.size() + c.extra_size, c.width, c.height, false,
+                              entry.y.data(), entry.y_stride, entry.u.data(), entry.uv_stride,
+                              entry.v.data(), entry.uv_stride),
+              expected);
+    EXPECT_TRUE(entry.y == direct.y && entry.u == direct.u && entry.v == direct.v);
+    EXPECT_EQ(capture.texts(6, "mjpeg"), std::vector<std::string>{"Using simple jpeg decoder."});
+    EXPECT_EQ(logOf(capture), direct_log);
   }
 }
 

@@ -1,8 +1,10 @@
 // DHT segments and the lookup tables that buildTable makes of them.
 
 #include <gtest/gtest.h>
+#include <turbojpeg.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -132,6 +134,33 @@ TEST(DefaultTablesTest, EntriesShapeAndCodeLines) {
                    "    symbol:6 bits:4 code:e", "    symbol:7 bits:5 code:1e",
                    "    symbol:8 bits:6 code:3e", "    symbol:9 bits:7 code:7e",
                    "    symbol:10 bits:8 code:fe", "    symbol:11 bits:9 code:1fe"}));
+}
+
+// The segment holds the tables of ITU T.81 K.3 to K.6, which libjpeg writes into every frame
+// it encodes without optimised tables: the four definitions are the same bytes.
+TEST(DefaultTablesTest, SameDefinitionsAsLibjpegWrites) {
+  // Definitions by their Tc/Th byte, from the payloads of DHT segments starting at `at`.
+  auto definitions = [](const Bytes& bytes, size_t at) {
+    std::map<uint8_t, Bytes> out;
+    while (at + 4 <= bytes.size()) {
+      const size_t end = at + 2 + (bytes[at + 2] << 8 | bytes[at + 3]);
+      if (bytes[at] != 0xFF || bytes[at + 1] != 0xC4 || end > bytes.size()) break;
+      for (size_t d = at + 4; d + 17 <= end;) {
+        size_t count = 0;
+        for (int i = 1; i <= 16; ++i) count += bytes[d + i];
+        out[bytes[d]] = Bytes(bytes.begin() + d + 1, bytes.begin() + d + 17 + count);
+        d += 17 + count;
+      }
+      at = end;
+    }
+    return out;
+  };
+  const Bytes frame = test::encodeTestFrame(32, 16, TJSAMP_420);
+  const uint8_t dht[] = {0xFF, 0xC4};
+  const size_t first = std::search(frame.begin(), frame.end(), dht, dht + 2) - frame.begin();
+  const auto written = definitions(frame, first);
+  EXPECT_EQ(written.size(), 4u);
+  EXPECT_EQ(definitions(Bytes(std::begin(kMJPGDHTSeg), std::end(kMJPGDHTSeg)), 0), written);
 }
 
 // ---- buildTable -----------------------------------------------------------------------------

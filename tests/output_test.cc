@@ -171,6 +171,8 @@ TEST(OutputResults, RefusalsLeavePlanesUntouched) {
       {"wide Cb", "1:2x2 2:2x1 3:1x1", 32, 32, none, "c[2].h1_ == 1"},
       {"high Cb", "1:2x2 2:1x2 3:1x1", 32, 32, none, "c[2].v1_ == 1"},
       {"wide Cr", "1:2x2 2:1x1 3:2x1", 32, 32, none, "c[3].h1_ == 1"},
+      // Cb's vertical factor is checked before Cr's horizontal one.
+      {"high Cb, wide Cr", "1:2x2 2:1x2 3:2x1", 32, 32, none, "c[2].v1_ == 1"},
       // A luma factor of 0 (also what a frame without an id 1 has) leaves nothing to copy.
       {"luma h 0", "1:0x1 2:1x1 3:1x1", 32, 32, none, "c[1].h1_ >= 1 && c[1].v1_ >= 1"},
       {"luma v 0", "1:2x0 2:1x1 3:1x1", 32, 32, none, "c[1].h1_ >= 1 && c[1].v1_ >= 1"},

@@ -170,6 +170,9 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
       {kSOI + tables + Bytes{0xFF} + header, {"Unhandled JPEG marker ff"}},
       {kSOI + tables + kEOI, {"Unhandled JPEG marker d9"}},  // EOI before SOS
       {kSOI + tables + segment(0xC2, sof0(16, 16, k420)), {"Unhandled JPEG marker c2"}},
+      {kSOI + Bytes{0xFF, 0x00}, {"Unhandled JPEG marker 00"}},  // two digits
+      {kSOI + segment(0xDF, {}), {"Unhandled JPEG marker df"}},  // just outside APPn
+      {kSOI + segment(0xF0, {}), {"Unhandled JPEG marker f0"}},
       {kSOI + segment(0xC4, {0x20}), {"dht + 17 <= limit", "parseDHT(&input)"}},
       {kSOI + segment(0xDD, {0, 1, 2}), {"len == 2", "parseDRI(&input)"}},
       {kSOI + Bytes{0xFF, 0xFE, 0x00, 0x01}, {"input->getLength16(&len)", ignored}},
