@@ -13,7 +13,27 @@
 namespace vidra {
 namespace jpeg {
 
+#if defined(__SANITIZE_ADDRESS__)
+#define VIDRA_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VIDRA_ADDRESS_SANITIZER 1
+#endif
+#endif
+#ifdef VIDRA_ADDRESS_SANITIZER
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
+
+// In AddressSanitizer builds every plane is followed by a poisoned gap in the block that holds
+// them all, so that an access running off one plane into the next is reported, as one behind the
+// last plane is. Plane sizes are multiples of 8, so each gap starts on a shadow granule.
+#ifdef VIDRA_ADDRESS_SANITIZER
+constexpr size_t kPlaneGap = 64;
+#else
+constexpr size_t kPlaneGap = 0;
+#endif
 
 // A plane is addressed with 32-bit signed sizes and offsets throughout (allocation, the
 // kernel's destination arithmetic, concealment, output), so no plane may exceed this.
@@ -207,7 +227,7 @@ void SimpleJPEGDecoder::allocateImages() {
     channel.stride_ = channel.mcu_width_ * mcus_x_;
     channel.mcu_row_size_ = channel.stride_ * 8 * component.v1_;
     channel.height_ = mcus_y_ * 8 * component.v1_;
-    total_bytes += static_cast<size_t>(channel.stride_) * channel.height_;
+    total_bytes += static_cast<size_t>(channel.stride_) * channel.height_ + kPlaneGap;
     any_named = true;
   }
   // Without a frame header no slot is named and there is nothing to allocate. A failing
@@ -229,6 +249,10 @@ void SimpleJPEGDecoder::allocateImages() {
     Channel& channel = channels_[i];
     channel.image_ = plane_block_ + offset;
     offset += static_cast<size_t>(channel.stride_) * channel.height_;
+#ifdef VIDRA_ADDRESS_SANITIZER
+    ASAN_POISON_MEMORY_REGION(plane_block_ + offset, kPlaneGap);
+#endif
+    offset += kPlaneGap;
   }
 }
 
