@@ -156,8 +156,10 @@ class KernelTest : public ::testing::Test {
 };
 
 // One block per row, then a block of another component whose DC value shows that the first
-// consumed exactly its own bits.
+// consumed exactly its own bits. The first block reads AC table `ac_table`; table 1 holds only
+// "0" for end of block and "10" for run 1 with size 0.
 TEST_F(KernelTest, BlockCases) {
+  loadTables({0x11, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x10});
   using Values = std::map<int, int>;  // natural index -> block value; all others 0
   // 1 at zigzag positions 15, 31 and 47, and `more`.
   auto to47 = [](Values more) {
@@ -166,7 +168,7 @@ TEST_F(KernelTest, BlockCases) {
   };
   // clang-format off
   const struct { const char* name; Bits bits; Values values; unsigned position_mask, last_position;
-                 int next_dc; } cases[] = {
+                 int next_dc; int ac_table = 0; } cases[] = {
       {"0x28: DC 00, EOB", Bits().put(0x28 >> 2, 6).dc(1).eob(), {}, 0, 0, 1},
       {"0x52 0x2B", Bits().put(0x522B >> 2, 14).dc(1).eob(), {{0, 1}, {1, 1}, {8, -1}}, 9, 2, 1},
       {"0x3F 0xCD 0x7F: DC 00, ZRL, EOB", Bits().put(0x3FCD7F >> 7, 17).dc(1).eob(), {}, 12, 16, 1},
@@ -182,11 +184,15 @@ TEST_F(KernelTest, BlockCases) {
       {"k = 62 and run 15: k 77, the value dropped",
        Bits().dc(0).ac(14, 1).ac(15, 1).ac(15, 1).ac(13, 1).ac(15, 1).dc(1).eob(),
        to47({{55, 161}}), 63, 77, 1},
+      {"run 1, size 0 first: 0 at zigzag 2, low-frequency path",
+       Bits().dc(0).put(0b10, 2).put(0b0, 1).dc(1).eob(), {}, 8, 2, 1, /*ac_table=*/1},
   };
   // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    ASSERT_EQ(run(c.bits.bytes(), {block(0), block(1)}), 1);
+    MCUBlock first = block(0);
+    first.ac_table_ = decoder_.ac_huffman_tables_[c.ac_table]->entries_.data();
+    ASSERT_EQ(run(c.bits.bytes(), {first, block(1)}), 1);
     ASSERT_EQ(handed_.size(), 2u);
     std::array<int16_t, 64> want = {};
     for (const auto& [index, value] : c.values) want[index] = static_cast<int16_t>(value);
@@ -226,23 +232,26 @@ TEST_F(KernelTest, DestinationsFollowTheGrid) {
 }
 
 // A 16-bit DC code for size 15: the 31-bit symbol at every bit offset within the bytes of a
-// load, so that the reservoir is at its lowest fill behind it. One predictor for all blocks of
-// a component, wrapping at 16 bits.
+// load, so that the reservoir is at its lowest fill behind it; behind the first, an AC fetch of a
+// 2-bit code and 15 value bits. One predictor for all blocks of a component, wrapping at 16 bits.
 TEST_F(KernelTest, LongestSymbolAtEveryOffset) {
-  // DC: "0" and "10" for size 0, "1100000000000000" for size 15. AC: "0", end of block.
-  loadTables({0x00, 1,    1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x00, 0x00,
-              0x0F, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,    0x00});
+  // DC: "0" and "10" for size 0, "1100000000000000" for size 15. AC: "0", end of block, and
+  // "10" for run 0 with size 15.
+  loadTables({0x00, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x00, 0x00, 0x0F,
+              0x10, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x0F});
   for (int offset = 0; offset < 80; ++offset) {
     const int twos = offset / 2, threes = offset % 2;
     Bits bits;
     for (int i = 0; i < twos; ++i) bits.put(0b00, 2);     // DC "0", EOB "0"
     for (int i = 0; i < threes; ++i) bits.put(0b100, 3);  // DC "10", EOB "0"
-    bits.put(0xC000, 16).put(0x5A5A, 15).put(0, 1);       // raw 0x5A5A >= 0x4000: positive
+    bits.put(0xC000, 16).put(0x5A5A, 15);                 // raw 0x5A5A >= 0x4000: positive
+    bits.put(0b10, 2).put(0x2345, 15).put(0, 1);          // AC at natural index 1, negative; EOB
     for (int i = 0; i < 2; ++i) bits.put(0xC000, 16).put(0x0123, 15).put(0, 1);  // negative
     const std::vector<MCUBlock> blocks(twos + threes + 3, block(0));
     ASSERT_EQ(run(bits.bytes(), blocks), 1) << offset;
     ASSERT_EQ(handed_.size(), blocks.size());
     EXPECT_EQ(handed_[twos + threes].block[0], 0x5A5A);
+    EXPECT_EQ(handed_[twos + threes].block[1], 0x2345 + 1 - 0x8000);
     EXPECT_EQ(handed_.back().block[0], static_cast<int16_t>(0x5A5A + 2 * (0x0123 + 1 - 0x8000)));
   }
 }
@@ -298,19 +307,54 @@ TEST(ReconstructTest, DCValueAlone) {
 }
 
 // c0 256, c1 -333, c8 77, c9 59: the DC, the low-frequency and the full path give different
-// rows 0, so the samples show the path that (position_mask, last_position) chose.
+// rows 0, so the samples show the path that (position_mask, last_position) chose. The full path
+// transforms columns first: rows first would give 128, 127, 144 at [2][0], [3][1], [3][6].
 TEST(ReconstructTest, PathChoiceOnALowFrequencyBlock) {
   const std::vector<uint8_t> dc(8, 136), low = {129, 131, 133, 136, 140, 143, 145, 147};
-  // (position_mask, last_position, path): 'd' DC, 'l' low-frequency, 'f' full (row 0 ends in 146)
+  // clang-format off
+  const std::array<uint8_t, 64> full = {
+      129, 131, 133, 136, 140, 143, 145, 146,
+      129, 130, 133, 136, 139, 143, 145, 146,
+      127, 129, 132, 135, 139, 142, 145, 146,
+      126, 128, 130, 134, 138, 142, 145, 146,
+      124, 126, 129, 133, 137, 141, 144, 146,
+      123, 124, 128, 132, 136, 141, 144, 146,
+      122, 123, 127, 131, 136, 140, 144, 145,
+      121, 123, 126, 131, 136, 140, 144, 145};
+  // clang-format on
+  // (position_mask, last_position, path): 'd' DC, 'l' low-frequency, 'f' full
   const std::tuple<uint8_t, uint8_t, char> choices[] = {{0, 0, 'd'},  {1, 1, 'l'},   {8, 2, 'l'},
                                                         {9, 4, 'l'},  {2, 5, 'f'},   {4, 6, 'f'},
                                                         {16, 3, 'f'}, {32, 20, 'f'}, {63, 77, 'f'}};
   for (const auto& [mask, last, path] : choices) {
     const auto s = reconstruct(mask, last, {{0, 256}, {1, -333}, {8, 77}, {9, 59}});
     const std::vector<uint8_t> row0(s.begin(), s.begin() + 8);
-    EXPECT_TRUE(path == 'f' ? row0[7] == 146 : row0 == (path == 'd' ? dc : low))
-        << "mask " << int{mask} << ": row 0 " << ::testing::PrintToString(row0);
+    if (path == 'f') {
+      EXPECT_EQ(s, full) << "mask " << int{mask};
+    } else {
+      EXPECT_EQ(row0, path == 'd' ? dc : low) << "mask " << int{mask};
+    }
   }
+}
+
+// Values at natural indices 3, 5, 24 and 40 drive the odd part of both passes: z10 and z13, and
+// the -1.613 multiplier whose input is subtracted once more. Rows first would change [1][6],
+// [4][3] and [4][4].
+TEST(ReconstructTest, OddPartOfTheFullPath) {
+  // clang-format off
+  const std::array<uint8_t, 64> expected = {
+      141, 129, 142, 146, 127, 133, 149, 139,
+      142, 133, 144, 146, 131, 135, 147, 140,
+      134, 127, 136, 138, 124, 127, 137, 132,
+      134, 126, 136, 138, 123, 126, 136, 129,
+      146, 135, 149, 153, 133, 137, 150, 139,
+      144, 133, 148, 153, 133, 137, 150, 138,
+      134, 125, 139, 144, 127, 130, 141, 131,
+      133, 128, 140, 144, 130, 132, 141, 134};
+  // clang-format on
+  const std::map<int, int16_t> values = {{0, 300},  {3, -90},  {5, 140}, {10, 50},
+                                         {17, -40}, {24, 120}, {29, 30}, {40, -70}};
+  EXPECT_EQ(reconstruct(63, 40, values), expected);
 }
 
 // 8192 at natural index 16: 4 x 8192 wraps to -32768 at a multiplier in the first pass.
