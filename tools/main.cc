@@ -71,6 +71,10 @@ int main(int argc, char** argv) {
     } catch (const std::bad_alloc&) {
       std::fprintf(stderr, "vidra-mjpeg %s: out of memory\n", command.name);
       return kExitUsage;
+    } catch (const std::exception& error) {
+      // std::system_error, std::filesystem::filesystem_error, ...: an I/O error all the same.
+      std::fprintf(stderr, "vidra-mjpeg %s: %s\n", command.name, error.what());
+      return kExitUsage;
     }
   }
   std::fprintf(stderr, "vidra-mjpeg: unknown command '%s'\n\n%s", name.c_str(), kUsage);
