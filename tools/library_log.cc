@@ -7,9 +7,18 @@
 namespace vidra {
 namespace tool {
 
-LibraryLog::LibraryLog() { setLogSink(&LibraryLog::sink, this); }
+// Level 3 of "mjpeg" holds the one other reason the library gives for a refused frame,
+// "Unhandled JPEG marker" (a progressive or arithmetic-coded frame); levels 6 and up are its
+// trace ("Using simple jpeg decoder.", every marker) and stay off.
+LibraryLog::LibraryLog() : mjpeg_level_(loggerLevel("mjpeg")) {
+  setLoggerLevel("mjpeg", 3);
+  setLogSink(&LibraryLog::sink, this);
+}
 
-LibraryLog::~LibraryLog() { setLogSink(nullptr, nullptr); }
+LibraryLog::~LibraryLog() {
+  setLogSink(nullptr, nullptr);
+  setLoggerLevel("mjpeg", mjpeg_level_);
+}
 
 std::vector<std::string> LibraryLog::take() {
   std::lock_guard<std::mutex> lock(mutex_);

@@ -1,6 +1,6 @@
 // Routes the decoder library's log lines to the tool. The reasons the library gives for a
-// frame it refuses (level 2 on channel "mjpeg") are collected so that the tool can put them
-// next to the frame; a broken internal check (level 1) goes to stderr at once.
+// frame it refuses (levels 2 and 3 on channel "mjpeg") are collected so that the tool can put
+// them next to the frame; a broken internal check (level 1) goes to stderr at once.
 #pragma once
 
 #include <mutex>
@@ -27,6 +27,7 @@ class LibraryLog {
  private:
   static void sink(void* user, int level, const char* channel, const char* file, int line,
                    const char* text);
+  int mjpeg_level_;  // restored at the end
   std::mutex mutex_;
   std::vector<std::string> lines_;
 };
