@@ -1,7 +1,11 @@
 // vidra-mjpeg decode: every frame of a JPEG, raw MJPEG stream or MJPEG video file through the
 // library, into Y4M or raw I420, with a summary of what became of the frames.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <filesystem>
@@ -30,8 +34,9 @@ namespace {
 constexpr char kDecodeHelp[] =
     "Frames are cut from raw streams at their SOI/EOI markers; junk between frames is skipped\n"
     "and a last frame cut short is still decoded. Video files (AVI, MKV, MOV, ...) are read\n"
-    "through FFmpeg's libavformat. Each frame is decoded at the size in its own header; a Y4M\n"
-    "file holds one size, so frames of another size are replaced by the previous picture.\n"
+    "through FFmpeg's libavformat. Each frame is decoded at the size in its own header; OUT\n"
+    "holds one size, the most common one in the frame headers, so frames of another size are\n"
+    "replaced by the previous picture.\n"
     "Frames the library refuses are replaced by the previous picture as well (grey at the\n"
     "start), so that the output keeps the input's timing.\n"
     "\n"
@@ -47,15 +52,17 @@ constexpr char kDecodeHelp[] =
     "  vidra-mjpeg decode frame.jpg --png 0 --png-file frame.png\n"
     "  vidra-mjpeg decode damaged.mjpeg --verbose\n"
     "\n"
-    "exit status: 0 all frames decoded or concealed, 1 some frames failed or were refused (or\n"
-    "the input broke off), 2 usage or I/O error.\n";
+    "exit status: 0 all frames decoded or concealed, 1 some frames failed, were refused or had\n"
+    "another size than OUT (or the input broke off), 2 usage or I/O error.\n";
 
 struct DecodeStats {
   int64_t frames = 0, decoded = 0, concealed = 0, failed = 0, refused = 0;
   int64_t cut_short = 0, not_written = 0;
   uint64_t junk_bytes = 0;
+  // Time and pixels of the frames the library decoded, concealed or failed. Refused frames
+  // don't count: a damaged header may claim 8192x8192 and be refused in microseconds.
   double decode_seconds = 0;
-  double pixels = 0;  // of the frames that went into the decoder
+  double pixels = 0;
   int64_t decode_calls = 0;
   std::map<std::pair<int, int>, int64_t> sizes;
   std::map<std::string, int64_t> reasons;
@@ -94,6 +101,23 @@ std::string sizesText(const DecodeStats& stats) {
   return text;
 }
 
+// True when `a` and `b` both exist and are one file (through links too).
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+
+// Removes OUT when the command ends with an error (exit 2) before any frame went into it, so
+// that no empty file is left behind; an output with frames stays, whatever the exit code.
+struct DiscardUnwrittenOutput {
+  VideoWriter* writer;
+  bool failed = true;  // cleared when the command ends without an error
+  ~DiscardUnwrittenOutput() {
+    if (writer != nullptr && failed && writer->frames() == 0) writer->discard();
+  }
+};
+
 void printSummary(const DecodeStats& stats, const FrameReader& reader, bool turbo,
                   const VideoWriter* writer, const std::string& read_error) {
   std::fprintf(stderr, "%s: %s, %lld frames, %s\n", reader.path().c_str(), reader.kind().c_str(),
@@ -130,9 +154,12 @@ void printSummary(const DecodeStats& stats, const FrameReader& reader, bool turb
                  static_cast<long long>(stats.not_written));
   }
   if (stats.decode_calls > 0 && stats.decode_seconds > 0) {
-    std::fprintf(stderr, "  speed      %.1f frames/s, %.1f MP/s in the %s (decode calls only)\n",
+    std::fprintf(stderr,
+                 "  speed      %.1f frames/s, %.1f MP/s in the %s (%lld frames; refused ones not "
+                 "counted)\n",
                  stats.decode_calls / stats.decode_seconds,
-                 stats.pixels / stats.decode_seconds / 1e6, decoderPathName(turbo).c_str());
+                 stats.pixels / stats.decode_seconds / 1e6, decoderPathName(turbo).c_str(),
+                 static_cast<long long>(stats.decode_calls));
   }
   if (writer != nullptr && writer->frames() > 0) {
     std::fprintf(
@@ -188,7 +215,20 @@ int runDecode(int argc, char** argv, int first) {
     throw UsageError("--fps expects a rate such as 30 or 30000:1001, got '" + args.value("fps") +
                      "'");
   }
-  if (args.has("output")) VideoWriter::formatFor(args.value("output"));  // fail early
+  const std::string output = args.has("output") ? args.value("output") : "";
+  if (!output.empty()) VideoWriter::formatFor(output);  // fail early
+  const std::string png_path = png_index >= 0 ? pngPathFor(args, input, png_index) : "";
+  // Writing over the input would truncate the file that is being read (and mapped).
+  for (const std::string& written : {output, png_path}) {
+    if (input != "-" && !written.empty() && written != "-" && sameFile(input, written)) {
+      throw ToolError(kExitUsage, written + ": is the input file; write to another file");
+    }
+  }
+  if (!png_path.empty()) {
+    const std::string folder = std::filesystem::path(png_path).parent_path().string();
+    if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0)
+      throw ioError(png_path, "cannot create", errno);
+  }
 
   setFFmpegLogging(verbose);
   std::unique_ptr<FrameReader> reader = FrameReader::open(input);
@@ -197,17 +237,19 @@ int runDecode(int argc, char** argv, int first) {
     fps_den = 1;
   }
   std::unique_ptr<VideoWriter> writer;
-  if (args.has("output"))
-    writer = std::make_unique<VideoWriter>(args.value("output"), fps_num, fps_den);
-  const std::string png_path = png_index >= 0 ? pngPathFor(args, input, png_index) : "";
+  if (!output.empty()) writer = std::make_unique<VideoWriter>(output, fps_num, fps_den);
+  DiscardUnwrittenOutput discard{writer.get()};
+  int usual_width = 0, usual_height = 0;
+  if (writer != nullptr && reader->usualFrameSize(&usual_width, &usual_height))
+    writer->setSize(usual_width, usual_height);
 
   jpeg::setForceJPEGTurboDecoder(turbo);
   LibraryLog log;
   ProgressBar progress(!verbose && !quiet);
   DecodeStats stats;
   I420Image image, previous;
-  bool have_previous = false;
-  int64_t pending_blank = 0;  // refused frames before the output size is known
+  bool have_previous = false;  // `previous` holds a picture of the output's size
+  int64_t pending_blank = 0;   // frames without a picture before the output size is known
   std::string read_error, png_problem;
   bool png_written = false;
 
@@ -226,14 +268,18 @@ int runDecode(int argc, char** argv, int first) {
     std::fprintf(stderr, "vidra-mjpeg: %s: %s\n", reader->path().c_str(), text.c_str());
   };
 
-  // Puts one picture into the output; `picture` is null for a frame without one.
+  // Puts one picture into the output; `picture` is null for a frame without one. Frames without
+  // a picture of the output's size repeat the previous one; at the start that is grey.
   auto emit = [&](I420Image* picture, const Frame& frame) {
     if (writer == nullptr) return;
-    if (picture != nullptr && writer->frames() == 0 && pending_blank > 0) {
-      I420Image blank;
-      blank.resize(picture->width, picture->height);
-      blank.fill(0x80);
-      for (; pending_blank > 0; --pending_blank) writer->write(blank);
+    // Without a usual size the first picture fixes it.
+    if (writer->width() == 0 && picture != nullptr)
+      writer->setSize(picture->width, picture->height);
+    if (!have_previous && writer->width() > 0) {
+      previous.resize(writer->width(), writer->height());
+      previous.fill(0x80);
+      have_previous = true;
+      for (; pending_blank > 0; --pending_blank) writer->write(previous);
     }
     if (picture != nullptr && writer->write(*picture)) {
       std::swap(previous, *picture);
@@ -289,9 +335,11 @@ int runDecode(int argc, char** argv, int first) {
       sampling = samplingName(header.components);
       image.resize(width, height);
       outcome = decodeFrame(frame.data, frame.size, !header.has_dht, &image, &seconds);
-      ++stats.decode_calls;
-      stats.decode_seconds += seconds;
-      stats.pixels += static_cast<double>(width) * height;
+      if (outcome != Outcome::kRefused) {
+        ++stats.decode_calls;
+        stats.decode_seconds += seconds;
+        stats.pixels += static_cast<double>(width) * height;
+      }
     }
     const std::vector<std::string> reasons = log.take();
     switch (outcome) {
@@ -363,6 +411,7 @@ int runDecode(int argc, char** argv, int first) {
                  static_cast<long long>(stats.frames));
     code = kExitUsage;
   }
+  discard.failed = code == kExitUsage;
   return code;
 }
 

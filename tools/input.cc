@@ -8,8 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <utility>
 
 #include "cli.h"
+#include "decoding.h"
+#include "jpeg_headers.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -43,6 +47,45 @@ std::string avError(int code) {
   av_strerror(code, text, sizeof(text));
   return text;
 }
+
+// Counts the sizes in frame headers and picks the most common one; of sizes equally common,
+// the one seen first. Sizes the tool refuses to decode don't count. The first kFrames usable
+// headers decide, so that a long input is not read through twice before decoding starts; that
+// many frames outvote a few damaged headers all the same.
+class SizeTally {
+ public:
+  static constexpr int64_t kFrames = 256;
+  bool full() const { return frames_ >= kFrames; }
+
+  void add(const uint8_t* data, size_t size) {
+    const JPEGHeaderInfo header = readJPEGHeader(data, size);
+    if (!frameSizeUsable(header.width, header.height)) return;
+    Seen& seen = sizes_[{header.width, header.height}];
+    if (seen.count++ == 0) seen.first = frames_;
+    ++frames_;
+  }
+
+  bool mostCommon(int* width, int* height) const {
+    const Seen* best = nullptr;
+    for (const auto& [size, seen] : sizes_) {
+      if (best == nullptr || seen.count > best->count ||
+          (seen.count == best->count && seen.first < best->first)) {
+        best = &seen;
+        *width = size.first;
+        *height = size.second;
+      }
+    }
+    return best != nullptr;
+  }
+
+ private:
+  struct Seen {
+    int64_t count = 0;
+    int64_t first = 0;  // the frame it was first seen in
+  };
+  std::map<std::pair<int, int>, Seen> sizes_;
+  int64_t frames_ = 0;
+};
 
 }  // namespace
 
@@ -280,6 +323,15 @@ class RawReader : public FrameReader {
   }
   size_t trailingJunk() const override { return splitter_.trailingJunk(); }
 
+  bool usualFrameSize(int* width, int* height) const override {
+    MJPEGSplitter splitter(bytes_->data(), bytes_->size());
+    SizeTally sizes;
+    for (SplitFrame frame; !sizes.full() && splitter.next(&frame);) {
+      sizes.add(bytes_->data() + frame.offset, frame.size);
+    }
+    return sizes.mostCommon(width, height);
+  }
+
  private:
   std::unique_ptr<FileBytes> bytes_;
   MJPEGSplitter splitter_;
@@ -301,7 +353,8 @@ class ContainerReader : public FrameReader {
     kMJPEGTrack,     // a container with an MJPEG video track: read it through this class
     kRawJPEG,        // FFmpeg sees JPEG data without a container: split it ourselves
     kOtherVideo,     // a container whose video isn't MJPEG (`message` says what it is)
-    kNotRecognised,  // FFmpeg can't open it, or finds no video in it
+    kNoVideo,        // a container whose tracks hold no video (audio only, ...)
+    kNotRecognised,  // FFmpeg can't open it, or finds no track in it
   };
 
   static std::unique_ptr<ContainerReader> probe(const std::string& path, Probe* result,
@@ -322,9 +375,23 @@ class ContainerReader : public FrameReader {
     if (avformat_find_stream_info(reader->context_, nullptr) < 0) return nullptr;
     const int stream =
         av_find_best_stream(reader->context_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (stream < 0) return nullptr;
-    const AVCodecParameters* parameters = reader->context_->streams[stream]->codecpar;
     reader->format_ = format.substr(0, format.find(','));
+    if (stream < 0) {
+      // A file FFmpeg opened, with tracks but none of them video, is no MJPEG stream even where
+      // its samples happen to hold FF D8 FF.
+      std::string kinds;
+      for (unsigned i = 0; i < reader->context_->nb_streams; ++i) {
+        const char* kind =
+            av_get_media_type_string(reader->context_->streams[i]->codecpar->codec_type);
+        const std::string name = kind != nullptr ? kind : "unknown";
+        if (kinds.find(name) == std::string::npos) kinds += (kinds.empty() ? "" : " and ") + name;
+      }
+      if (kinds.empty()) return nullptr;
+      *result = Probe::kNoVideo;
+      *message = "no video track (a " + reader->format_ + " file with " + kinds + " tracks only)";
+      return nullptr;
+    }
+    const AVCodecParameters* parameters = reader->context_->streams[stream]->codecpar;
     if (parameters->codec_id != AV_CODEC_ID_MJPEG) {
       *result = Probe::kOtherVideo;
       *message = "its video track (#" + std::to_string(stream) + " of a " + reader->format_ +
@@ -371,6 +438,22 @@ class ContainerReader : public FrameReader {
     const int64_t size = avio_size(context_->pb);
     const int64_t at = avio_tell(context_->pb);
     return size > 0 && at >= 0 ? static_cast<double>(at) / size : 0;
+  }
+
+  // The track's size in its codec parameters is no help: avformat_find_stream_info() sets it
+  // from decoding the first frame (damaged or not), and for interlaced MJPEG it is the size of
+  // two fields while each frame's header, which the tool decodes, holds one. So the track's
+  // frames are read once ahead, through a second reader, as raw streams are.
+  bool usualFrameSize(int* width, int* height) const override {
+    Probe probe;
+    std::string message, read_error;
+    const std::unique_ptr<ContainerReader> again = ContainerReader::probe(path_, &probe, &message);
+    if (again == nullptr) return false;
+    SizeTally sizes;
+    for (Frame frame; !sizes.full() && again->nextOrStop(&frame, &read_error);) {
+      sizes.add(frame.data, frame.size);
+    }
+    return sizes.mostCommon(width, height);
   }
 
   bool frameRate(int* num, int* den) const override {
@@ -421,7 +504,7 @@ std::unique_ptr<FrameReader> FrameReader::open(const std::string& path) {
   std::string message;
   std::unique_ptr<ContainerReader> container = ContainerReader::probe(path, &probe, &message);
   if (probe == ContainerReader::Probe::kMJPEGTrack) return container;
-  if (probe == ContainerReader::Probe::kOtherVideo)
+  if (probe == ContainerReader::Probe::kOtherVideo || probe == ContainerReader::Probe::kNoVideo)
     throw ToolError(kExitUsage, path + ": " + message);
   // Raw JPEG data behind some junk (or behind HTTP multipart headers, as IP cameras send it).
   if (hasSOI(data, bytes->size())) return std::make_unique<RawReader>(path, std::move(bytes));

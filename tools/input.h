@@ -83,6 +83,14 @@ class FrameReader {
   }
   // Junk bytes after the last frame (raw streams).
   virtual size_t trailingJunk() const { return 0; }
+  // The input's usual frame size, for an output that holds one size: the most common size in
+  // the frame headers (of sizes equally common, the one seen first), so that one damaged
+  // header can't decide it. Sizes the tool refuses (frameSizeUsable) don't count. False when no
+  // frame header gives one. Reads the first 256 usable headers ahead of next() (raw streams are
+  // in memory already, containers are demuxed a second time). The headers are read by the
+  // tool's own parser, which is stricter than the library: a frame damaged ahead of its frame
+  // header doesn't count here although the library may still decode it.
+  virtual bool usualFrameSize(int* width, int* height) const = 0;
   // Where in the input a frame is, for messages: "byte 1234" or "0.400 s".
   static std::string where(const Frame& frame);
 

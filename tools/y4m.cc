@@ -1,5 +1,7 @@
 #include "y4m.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cerrno>
 
@@ -43,6 +45,10 @@ VideoWriter::VideoWriter(const std::string& path, int fps_num, int fps_den)
     file_ = stdout;
     path_ = "standard output";
   } else {
+    // Only a regular file that this run creates may be removed again by discard(): never a file
+    // that was there before, a link's target or a FIFO that a player reads.
+    struct stat before;
+    created_ = lstat(path.c_str(), &before) != 0 && errno == ENOENT;
     file_ = std::fopen(path.c_str(), "wb");
     if (file_ == nullptr) throw ioError(path, "cannot create", errno);
     owns_file_ = true;
@@ -62,16 +68,18 @@ void VideoWriter::put(const void* data, size_t size) {
   }
 }
 
+void VideoWriter::setSize(int width, int height) {
+  if (frames_ > 0) return;
+  width_ = width;
+  height_ = height;
+}
+
 bool VideoWriter::write(const I420Image& image) {
-  if (frames_ == 0) {
-    width_ = image.width;
-    height_ = image.height;
-    if (format_ == Format::kY4M) {
-      const std::string header = y4mHeader(width_, height_, fps_num_, fps_den_) + "\n";
-      put(header.data(), header.size());
-    }
-  } else if (image.width != width_ || image.height != height_) {
-    return false;
+  if (frames_ == 0 && width_ == 0) setSize(image.width, image.height);
+  if (image.width != width_ || image.height != height_) return false;
+  if (frames_ == 0 && format_ == Format::kY4M) {
+    const std::string header = y4mHeader(width_, height_, fps_num_, fps_den_) + "\n";
+    put(header.data(), header.size());
   }
   if (format_ == Format::kY4M) put("FRAME\n", 6);
   put(image.y.data(), image.y.size());
@@ -89,6 +97,14 @@ void VideoWriter::close() {
   const int error = errno;
   const bool closed = !owns_file_ || std::fclose(file) == 0;
   if (!flushed || !closed) throw ioError(path_, "write failed", flushed ? errno : error);
+}
+
+void VideoWriter::discard() {
+  if (!owns_file_) return;
+  if (file_ != nullptr) std::fclose(file_);
+  file_ = nullptr;
+  owns_file_ = false;
+  if (created_) std::remove(path_.c_str());
 }
 
 }  // namespace tool

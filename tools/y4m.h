@@ -26,16 +26,21 @@ class VideoWriter {
   VideoWriter(const VideoWriter&) = delete;
   VideoWriter& operator=(const VideoWriter&) = delete;
 
-  // Appends one frame. The first frame fixes the size (the Y4M header is written then);
-  // returns false, writing nothing, for a frame of another size. Throws ToolError when the
-  // write fails.
+  // Fixes the frame size before the first frame (decode gives the input's usual size);
+  // without it the first frame fixes it.
+  void setSize(int width, int height);
+  // Appends one frame; the first one writes the Y4M header. Returns false, writing nothing, for
+  // a frame of another size than the file's. Throws ToolError when the write fails.
   bool write(const I420Image& image);
   // Flushes and closes; throws ToolError when that fails. Called by the destructor otherwise
   // (which then swallows errors).
   void close();
+  // Closes the file and removes it if this run created it, ignoring errors (standard output and
+  // files that were there before stay): for a command that fails before any frame went into it.
+  void discard();
 
   int64_t frames() const { return frames_; }
-  int width() const { return width_; }
+  int width() const { return width_; }  // 0 until the size is fixed
   int height() const { return height_; }
   Format format() const { return format_; }
   const std::string& path() const { return path_; }
@@ -51,6 +56,7 @@ class VideoWriter {
   Format format_;
   FILE* file_ = nullptr;
   bool owns_file_ = false;
+  bool created_ = false;  // the path didn't exist before the constructor opened it
   int fps_num_, fps_den_;
   int width_ = 0, height_ = 0;
   int64_t frames_ = 0;

@@ -19,6 +19,7 @@ namespace test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+const uint8_t kSOS[] = {0xFF, 0xDA};
 
 // A Y4M file the tool writes: its header, and its size with `frames` frames; the chroma
 // planes round odd sizes up.
@@ -72,10 +73,22 @@ ToolRun check(const std::vector<std::string>& args, int code, const std::vector<
 TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   TempDir dir;
   const std::string jpeg = dir.file("a.jpg"), missing = dir.file("missing.mjpeg"),
-                    empty = dir.file("empty.mjpeg"), notes = dir.file("notes.txt");
-  writeFile(jpeg, encodeTestFrame(16, 16, TJSAMP_420));
+                    empty = dir.file("empty.mjpeg"), notes = dir.file("notes.txt"),
+                    wav = dir.file("a.wav"), same = dir.file("same.yuv"), out = dir.file("a.y4m");
+  const Bytes frame = encodeTestFrame(16, 16, TJSAMP_420);
+  writeFile(jpeg, frame);
+  writeFile(same, frame);
   writeFile(empty, std::string());
   writeFile(notes, std::string("these are notes, not pictures\n"));
+  // 16-bit mono PCM whose samples happen to hold a JPEG frame.
+  auto le32 = [](size_t v) { return Bytes{uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), 0}; };
+  writeFile(wav, concatFrames({{'R', 'I', 'F', 'F'},
+                               le32(36 + frame.size()),
+                               {'W', 'A', 'V', 'E', 'f', 'm',  't',  ' ', 16,  0,    0,
+                                0,   1,   0,   1,   0,   0x40, 0x1F, 0,   0,   0x80, 0x3E,
+                                0,   0,   2,   0,   16,  0,    'd',  'a', 't', 'a'},
+                               le32(frame.size()),
+                               frame}));
   check({"--help"}, 0, {"exit status: 0 success, 1 some frames failed or were refused"}, {});
   check({"frobnicate"}, 2, {}, {"vidra-mjpeg: unknown command 'frobnicate'"});
   check({"decode"}, 2, {}, {"decode needs an INPUT"});
@@ -88,10 +101,27 @@ TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   check({"demo", "--out-dir", missing}, 2, {}, {missing + ": no such folder"});
   check({"decode", dir.path()}, 2, {}, {dir.path() + ": is a directory, not a file"});
   check({"decode", jpeg, "-o", "/no-folder/a.y4m"}, 2, {}, {"/no-folder/a.y4m: cannot create"});
+  // An error before the first frame leaves no output file behind.
+  check({"decode", jpeg, "-o", out, "--png", "0", "--png-file", "/no-folder/a.png"}, 2, {},
+        {"/no-folder/a.png: cannot create"});
+  EXPECT_FALSE(std::filesystem::exists(out));
+  // Also when the PNG fails at the first frame; a file that was there before stays.
+  check({"decode", jpeg, "-o", out, "--png", "0", "--png-file", dir.path()}, 2, {}, {});
+  EXPECT_FALSE(std::filesystem::exists(out));
+  writeFile(out, frame);
+  check({"decode", jpeg, "-o", out, "--png", "0", "--png-file", dir.path()}, 2, {}, {});
+  EXPECT_TRUE(std::filesystem::exists(out));
+  std::filesystem::remove(out);
+  // Writing over the input would truncate the file being read.
+  check({"decode", same, "-o", same}, 2, {}, {same + ": is the input file"});
+  check({"decode", jpeg, "--png", "0", "--png-file", jpeg}, 2, {}, {jpeg + ": is the input file"});
+  EXPECT_EQ(readFile(same), frame);
+  EXPECT_EQ(readFile(jpeg), frame);
   for (const char* command : {"decode", "info", "bench"}) {
     check({command, missing}, 2, {}, {missing + ": cannot open: No such file or directory"});
     check({command, empty}, 2, {}, {empty + ": the file is empty"});
     check({command, notes}, 2, {}, {notes + ": not a JPEG, an MJPEG stream or a video file"});
+    check({command, wav}, 2, {}, {wav + ": no video track (a wav file with audio tracks only)"});
   }
 }
 
@@ -137,7 +167,8 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   const std::string junk = dir.file("junk.mjpeg"), cut = dir.file("cut.mjpeg"),
                     cut_header = dir.file("cut-header.mjpeg"), huge = dir.file("huge.mjpeg"),
                     mixed = dir.file("mixed.mjpeg"), out = dir.file("out.y4m"),
-                    yuv = dir.file("out.yuv");
+                    yuv = dir.file("out.yuv"), no_frames = dir.file("no-frames.avi"),
+                    no_output = dir.file("none.y4m");
   // Between each two of 6 frames, 5 bytes that hold FF D8 but start no frame.
   writeFile(junk, concatFrames(first(6), {0x00, 0x12, 0xFF, 0xD8, 0x00}));
   // The last of 3 frames cut in the middle of its entropy data, then inside its header.
@@ -149,13 +180,14 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   writeFile(cut_header, concatFrames(three));
   // A damaged frame header may claim up to 65535x65535: the tool refuses sizes it can't hold
   // instead of trying to allocate gigabytes.
-  std::vector<Bytes> two = first(2);
-  const uint8_t kSOF0[] = {0xFF, 0xC0}, kHuge[] = {0xEA, 0x60, 0xEA, 0x60};  // 60000 x 60000
-  const size_t sof = std::search(two[1].begin(), two[1].end(), kSOF0, kSOF0 + 2) - two[1].begin();
-  ASSERT_LT(sof + 9, two[1].size());
-  std::copy(kHuge, kHuge + 4, two[1].begin() + sof + 5);
-  writeFile(huge, concatFrames(two));
-  writeFile(mixed, concatFrames({frames[0], encodeTestFrame(64, 32, TJSAMP_422), frames[1]}));
+  writeFile(huge, concatFrames({frames[0], claimingSize(frames[1], 60000, 60000)}));
+  // The first frame doesn't decide the output's size: the stream's usual size does. A frame
+  // claiming 8192x8192 with a few bytes of scan is refused at once and doesn't count for the
+  // speed.
+  Bytes big = claimingSize(frames[2], 8192, 8192);
+  big.resize(std::search(big.begin(), big.end(), kSOS, kSOS + 2) - big.begin() + 40);
+  big.insert(big.end(), {0xFF, 0xD9});
+  writeFile(mixed, concatFrames({encodeTestFrame(64, 32, TJSAMP_422), frames[0], big, frames[1]}));
 
   check({"decode", junk, "-o" + yuv, "--png=5", "-v"}, 0, {},
         {"raw MJPEG stream, 6 frames, 640x480", summary("decoded", 6), summary("junk", 25),
@@ -174,17 +206,26 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
              ") claims 60000x60000, more than this tool decodes",
          summary("refused", 1)},
         out, {640, 480, 2});
-  check({"decode", mixed, "-o", out}, 1, {}, {summary("not written", 1), "is 64x32 but "}, out,
-        {640, 480, 3});
-  // Containers: their frame rate goes into the Y4M header.
-  for (const char* format : {"avi", "matroska"}) {
+  check({"decode", mixed, "-o", out}, 1, {},
+        {"frame 0 (byte 0) is 64x32 but " + out + " holds 640x480", summary("not written", 1),
+         summary("refused", 1), "(3 frames; refused ones not counted)"},
+        out, {640, 480, 4});
+  // Containers: their frame rate goes into the Y4M header, and there too the first frame
+  // doesn't decide the output's size.
+  for (const bool odd_first : {false, true}) {
+    const char* format = odd_first ? "matroska" : "avi";
     const std::string clip = dir.file(std::string("clip.") + format);
-    ASSERT_EQ(muxMJPEG(clip, format, first(4), 640, 480), "");
-    check(
-        {"decode", clip, "-o", out}, 0, {},
-        {format + std::string(" file (MJPEG track #0), 4 frames, 640x480"), summary("decoded", 4)},
-        out, {640, 480, 4, "25:1"});
+    std::vector<Bytes> track = first(4);
+    if (odd_first) track[0] = encodeTestFrame(64, 32, TJSAMP_422);
+    ASSERT_EQ(muxMJPEG(clip, format, track, 640, 480), "");
+    check({"decode", clip, "-o", out}, odd_first, {},
+          {format + std::string(" file (MJPEG track #0), 4 frames, "),
+           odd_first ? summary("not written", 1) : summary("decoded", 4)},
+          out, {640, 480, 4, "25:1"});
   }
+  ASSERT_EQ(muxMJPEG(no_frames, "avi", {}, 640, 480), "");
+  check({"decode", no_frames, "-o", no_output}, 2, {}, {"no MJPEG frames in it"});
+  EXPECT_FALSE(std::filesystem::exists(no_output));
 
   // Every other corpus frame has a restart interval of two MCU rows of 40 MCUs.
   check({"info", junk}, 0,
@@ -222,6 +263,10 @@ TEST(ToolCommandTest, CountsConcealedFramesApartFromCleanOnes) {
   }
   check({"decode", corpusDir() + "/damaged/flip-again-00.jpg", "-v"}, 0, {},
         {summary("decoded", 0), summary("concealed", 1), ": concealed in "});
+  // The own decoder's reason for a progressive frame, logged at level 3.
+  VIDRA_REQUIRE_CORPUS(corpusFiles("reftest"), "reftest");
+  check({"decode", corpusDir() + "/reftest/jpg-progressive.jpg"}, 1, {},
+        {summary("refused", 1), "1x  Unhandled JPEG marker c2"});
 }
 
 // The demo's clip, and the stream it saves: encoded as a webcam sends frames.

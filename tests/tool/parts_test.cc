@@ -113,6 +113,29 @@ TEST(ToolSplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
   }
 }
 
+// The size an output takes: the most common one in the frame headers, ties to the size seen
+// first; sizes the tool refuses and frames without a size don't count.
+TEST(ToolSplitterTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
+  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422), b = encodeTestFrame(32, 16, TJSAMP_420);
+  const Bytes huge = claimingSize(a, 9000, 9000), sizeless = {0xFF, 0xD8, 0xFF, 0xD9};
+  const struct {
+    std::vector<Bytes> frames;
+    int width, height;  // 0 x 0: none
+  } cases[] = {
+      {{b, a, a}, 48, 32},       {{a, b, b, a}, 48, 32},   {{b, a, b, a}, 32, 16},
+      {{huge, huge, b}, 32, 16}, {{sizeless, huge}, 0, 0},
+  };
+  TempDir dir;
+  for (const auto& test : cases) {
+    writeFile(dir.file("s.mjpeg"), concatFrames(test.frames));
+    int width = 0, height = 0;
+    EXPECT_EQ(tool::FrameReader::open(dir.file("s.mjpeg"))->usualFrameSize(&width, &height),
+              test.width > 0);
+    EXPECT_EQ(width, test.width);
+    EXPECT_EQ(height, test.height);
+  }
+}
+
 // Layouts by name, and libjpeg's own tables come out as exactly the quality that made them.
 TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
   struct Case {

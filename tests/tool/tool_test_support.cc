@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
@@ -79,6 +80,16 @@ std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frame
     stream.insert(stream.end(), frames[i].begin(), frames[i].end());
   }
   return stream;
+}
+
+std::vector<uint8_t> claimingSize(std::vector<uint8_t> frame, int width, int height) {
+  const uint8_t kSOF0[] = {0xFF, 0xC0};
+  const size_t sof = std::search(frame.begin(), frame.end(), kSOF0, kSOF0 + 2) - frame.begin();
+  if (sof + 9 > frame.size()) throw std::runtime_error("no SOF0 segment in the frame");
+  const uint8_t size[] = {static_cast<uint8_t>(height >> 8), static_cast<uint8_t>(height),
+                          static_cast<uint8_t>(width >> 8), static_cast<uint8_t>(width)};
+  std::copy(size, size + 4, frame.begin() + sof + 5);
+  return frame;
 }
 
 std::string muxMJPEG(const std::string& path, const char* format,

@@ -54,6 +54,9 @@ testing::AssertionResult has(const std::string& text, const std::string& fragmen
 std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
                                   const std::vector<uint8_t>& junk = {});
 
+// `frame` with the size in its SOF0 header replaced, as a damaged header may claim another.
+std::vector<uint8_t> claimingSize(std::vector<uint8_t> frame, int width, int height);
+
 // Writes `frames` as the MJPEG video track (25 frames/s) of a container through libavformat's
 // muxer; `format` is its short name ("avi", "matroska", "mov"). Returns "" or the error.
 std::string muxMJPEG(const std::string& path, const char* format,
