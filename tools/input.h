@@ -18,6 +18,9 @@ struct SplitFrame {
   size_t size = 0;         // bytes, up to and including EOI when there is one
   size_t junk_before = 0;  // bytes skipped between the previous frame (or the start) and SOI
   bool cut_short = false;  // no EOI: the input ended, or the next frame began, inside it
+  // The end of the data decided the cut or a test on the way to it: more bytes behind the data
+  // may cut this frame elsewhere. False: the same bytes cut the same way whatever follows them.
+  bool needs_more = false;
 };
 
 // Cuts a byte range into JPEG frames. A frame starts at SOI (FF D8 FF); its header segments
@@ -37,8 +40,9 @@ class MJPEGSplitter {
 
  private:
   size_t findSOI(size_t from) const;
-  // End of the frame whose entropy data starts at `pos`; sets `cut_short`.
-  size_t scanEntropy(size_t pos, bool* cut_short) const;
+  // End of the frame whose entropy data starts at `pos`; sets `cut_short` and `needs_more` in
+  // `frame`.
+  size_t scanEntropy(size_t pos, SplitFrame* frame) const;
 
   const uint8_t* data_;
   size_t size_;
@@ -63,8 +67,17 @@ class FrameReader {
  public:
   virtual ~FrameReader() = default;
 
-  // `path` "-" reads standard input (raw streams and single JPEGs only).
+  // `path` "-" reads standard input (raw streams and single JPEGs only). Standard input from a
+  // pipe or a terminal, a FIFO and a character device are read as streams: frames come out
+  // while the input is still being written (a camera, `ffmpeg ... -f mjpeg -`), and memory
+  // holds about one frame (see kStreamFrameLimit). A stream must hold an SOI; open() waits
+  // for the first one.
   static std::unique_ptr<FrameReader> open(const std::string& path);
+  // Reads `fd` as open() reads a stream, at most `read_size` bytes a read(2), frames cut after
+  // `frame_limit` bytes (open() takes 64 KiB and kStreamFrameLimit); tests choose where reads
+  // split the input. Takes `fd` over when `owns_fd`.
+  static std::unique_ptr<FrameReader> openStream(const std::string& name, int fd, bool owns_fd,
+                                                 size_t read_size, size_t frame_limit);
 
   // The next frame; false at the end of the input. Throws ToolError when reading fails.
   virtual bool next(Frame* frame) = 0;
@@ -73,7 +86,8 @@ class FrameReader {
   bool nextOrStop(Frame* frame, std::string* read_error);
   // "JPEG file", "raw MJPEG stream", "AVI file (MJPEG track #0)", ...
   virtual std::string kind() const = 0;
-  // Share of the input consumed, 0..1 (for the progress bar).
+  // Share of the input consumed, 0..1 (for the progress bar); -1 for a stream, whose size isn't
+  // known before it ends.
   virtual double progress() const = 0;
   // Frame rate from the container; false when it doesn't say.
   virtual bool frameRate(int* num, int* den) const {
@@ -89,7 +103,8 @@ class FrameReader {
   // frame header gives one. Reads the first 256 usable headers ahead of next() (raw streams are
   // in memory already, containers are demuxed a second time). The headers are read by the
   // tool's own parser, which is stricter than the library: a frame damaged ahead of its frame
-  // header doesn't count here although the library may still decode it.
+  // header doesn't count here although the library may still decode it. Streams return false:
+  // they can't be read ahead (a live one has no end), so the first picture fixes the size.
   virtual bool usualFrameSize(int* width, int* height) const = 0;
   // Where in the input a frame is, for messages: "byte 1234" or "0.400 s".
   static std::string where(const Frame& frame);
@@ -100,8 +115,9 @@ class FrameReader {
   std::string path_;
 };
 
-// Reads a whole file into memory; throws ToolError naming the path on failure.
-std::vector<uint8_t> readWholeFile(const std::string& path);
+// A frame of a stream (see FrameReader::open) is cut short after this many bytes when no end
+// for it has come by then, so that a stream without frame ends can't fill the memory.
+constexpr size_t kStreamFrameLimit = size_t{64} << 20;
 
 // Sets FFmpeg's own logging to quiet (the tool reports errors itself) or, with `verbose`, to
 // errors.

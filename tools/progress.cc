@@ -19,10 +19,16 @@ void ProgressBar::update(double fraction, int64_t frames) {
   if (drawn_ && now - last_ < std::chrono::milliseconds(100)) return;
   last_ = now;
   drawn_ = true;
-  fraction = std::min(1.0, std::max(0.0, fraction));
+  const double seconds = std::chrono::duration<double>(now - start_).count();
+  if (fraction < 0) {  // a stream of unknown size: frames only
+    std::fprintf(stderr, "\r%lld frames  %.0f frames/s ", static_cast<long long>(frames),
+                 frames / std::max(seconds, 1e-6));
+    std::fflush(stderr);
+    return;
+  }
+  fraction = std::min(1.0, fraction);
   constexpr int kWidth = 30;
   const int filled = static_cast<int>(fraction * kWidth + 0.5);
-  const double seconds = std::chrono::duration<double>(now - start_).count();
   std::string bar(static_cast<size_t>(filled), '#');
   bar.resize(kWidth, '.');
   std::fprintf(stderr, "\r[%s] %3d%%  %lld frames  %.0f frames/s ", bar.c_str(),

@@ -16,7 +16,8 @@ class ProgressBar {
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
 
-  // `fraction` of the input is done, `frames` frames so far. Cheap: redraws at most ten times
+  // `fraction` of the input is done (negative when the input's size is unknown: then no bar),
+  // `frames` frames so far. Cheap: redraws at most ten times
   // a second, and not before half a second has passed.
   void update(double fraction, int64_t frames);
   // Clears the line.

@@ -53,6 +53,10 @@ VideoWriter::VideoWriter(const std::string& path, int fps_num, int fps_den)
     if (file_ == nullptr) throw ioError(path, "cannot create", errno);
     owns_file_ = true;
   }
+  // A player reading a pipe or a FIFO (`-o - | mpv -`) gets each frame as it is decoded
+  // rather than in stdio's buffer-sized pieces.
+  struct stat info;
+  flush_each_frame_ = fstat(fileno(file_), &info) != 0 || !S_ISREG(info.st_mode);
 }
 
 VideoWriter::~VideoWriter() {
@@ -85,6 +89,7 @@ bool VideoWriter::write(const I420Image& image) {
   put(image.y.data(), image.y.size());
   put(image.u.data(), image.u.size());
   put(image.v.data(), image.v.size());
+  if (flush_each_frame_ && std::fflush(file_) != 0) throw ioError(path_, "write failed", errno);
   ++frames_;
   return true;
 }

@@ -29,8 +29,9 @@ class VideoWriter {
   // Fixes the frame size before the first frame (decode gives the input's usual size);
   // without it the first frame fixes it.
   void setSize(int width, int height);
-  // Appends one frame; the first one writes the Y4M header. Returns false, writing nothing, for
-  // a frame of another size than the file's. Throws ToolError when the write fails.
+  // Appends one frame; the first one writes the Y4M header. Output that isn't a regular file
+  // (standard output into a pipe, a FIFO) is flushed after each frame. Returns false, writing
+  // nothing, for a frame of another size than the file's. Throws ToolError when the write fails.
   bool write(const I420Image& image);
   // Flushes and closes; throws ToolError when that fails. Called by the destructor otherwise
   // (which then swallows errors).
@@ -56,7 +57,8 @@ class VideoWriter {
   Format format_;
   FILE* file_ = nullptr;
   bool owns_file_ = false;
-  bool created_ = false;  // the path didn't exist before the constructor opened it
+  bool created_ = false;           // the path didn't exist before the constructor opened it
+  bool flush_each_frame_ = false;  // not a regular file: flushed after each frame
   int fps_num_, fps_den_;
   int width_ = 0, height_ = 0;
   int64_t frames_ = 0;

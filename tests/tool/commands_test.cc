@@ -253,6 +253,47 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   EXPECT_EQ(countOf(bench.out, "      2 "), 8) << bench.out;  // a 2-thread row per decoder
 }
 
+// A live stream on standard input: the frames written so far come out, flushed, while the
+// input is still open (a frame that ends at its EOI needs no byte behind it; the 20 s are a
+// liveness bound, not a speed measure), and the whole output is what the same bytes give from
+// a file. A pipe without data or without an SOI fails as standard input did when read whole.
+TEST(ToolCommandTest, DecodesALiveStreamOnStandardInputAsItComes) {
+  const std::vector<std::string> files = corpusFiles("webcam-480p");
+  VIDRA_REQUIRE_CORPUS(files, "webcam-480p");
+  std::vector<Bytes> frames;
+  for (size_t i = 0; i < files.size() && i < 6; ++i) frames.push_back(readFile(files[i]));
+  const Bytes first = concatFrames({frames[0], frames[1]}),
+              rest = concatFrames({frames[2], frames[3], frames[4], frames[5]});
+  TempDir dir;
+  const std::string file = dir.file("live.mjpeg");
+  writeFile(file, concatFrames({first, rest}));
+  const ToolRun expected = runTool({"decode", file, "-o", "-"});
+  ASSERT_EQ(expected.code, 0) << expected.describe();
+
+  ToolProcess live({"decode", "-", "-o", "-"});
+  ASSERT_TRUE(live.send(first, 20000));
+  ASSERT_TRUE(live.receive(Y4M{640, 480, 2}.size(), 20000))
+      << "not both frames on stdout within 20 s while stdin stays open; got " << live.out().size()
+      << " bytes";
+  Y4M{640, 480, 2}.expectIn(live.out());
+  ASSERT_TRUE(live.send(rest, 20000));
+  const ToolRun run = live.finish();
+  EXPECT_EQ(run.code, 0) << run.describe();
+  EXPECT_TRUE(run.out == expected.out) << run.out.size() << " bytes, not " << expected.out.size();
+  EXPECT_TRUE(has(run.err, "standard input: raw MJPEG stream, 6 frames, 640x480"));
+
+  for (const std::string& input : {std::string(), std::string("not a picture\xFF\xD8")}) {
+    ToolProcess piped({"decode", "-", "-o", "-"});
+    EXPECT_TRUE(piped.send(Bytes(input.begin(), input.end()), 20000));
+    const ToolRun failed = piped.finish();
+    EXPECT_EQ(failed.code, 2) << failed.describe();
+    EXPECT_EQ(failed.err, input.empty() ? "vidra-mjpeg: standard input: no data\n"
+                                        : "vidra-mjpeg: standard input: no JPEG frame found "
+                                          "(no SOI marker)\n");
+    EXPECT_EQ(failed.out, "");
+  }
+}
+
 // A frame with flipped bits that the library's own decoder accepts with a few MCUs concealed:
 // the tool counts it apart from clean frames, and it still counts as accepted (exit 0).
 TEST(ToolCommandTest, CountsConcealedFramesApartFromCleanOnes) {

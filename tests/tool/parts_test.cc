@@ -1,13 +1,22 @@
-// The tool's parts, tested directly: cutting raw MJPEG streams into frames, reading frame
-// headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
+// The tool's parts, tested directly: cutting raw MJPEG streams into frames (from files and as
+// they arrive through a FIFO), reading frame headers, colour conversion, chroma completion, PNG,
+// and the damage the demo does to frames.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <turbojpeg.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <future>
+#include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +37,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a frame
+const uint8_t kSOS[] = {0xFF, 0xDA};
 
 // The frames of `data` as rows, and the junk behind the last one.
 std::vector<Row> split(const Bytes& data, size_t* trailing) {
@@ -133,6 +143,157 @@ TEST(ToolSplitterTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
               test.width > 0);
     EXPECT_EQ(width, test.width);
     EXPECT_EQ(height, test.height);
+  }
+}
+
+// Streams whose cuts depend on how far they have come: a prefix that ends inside a frame or
+// just behind it must not cut the frame as final where the whole stream cuts it elsewhere.
+std::vector<Bytes> streamsCutByLaterBytes() {
+  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
+  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
+  const size_t entropy = std::search(a.begin(), a.end(), kSOS, kSOS + 2) - a.begin() + 14;
+  // `a` up to the start of its entropy data, then a DHT marker claiming `length` bytes with an
+  // EOI early inside them, and the frame's EOI behind them.
+  auto claiming = [&](size_t length) {
+    Bytes frame(a.begin(), a.begin() + entropy);
+    frame.insert(frame.end(),
+                 {0xFF, 0xC4, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)});
+    Bytes body(length - 2, 0x00);
+    body[100] = 0xFF;
+    body[101] = 0xD9;
+    frame.insert(frame.end(), body.begin(), body.end());
+    frame.insert(frame.end(), {0xFF, 0xD9});
+    return frame;
+  };
+  // `a` with an SOS header of one component at the start of its entropy data, an EOI inside.
+  Bytes sos(a.begin(), a.begin() + entropy);
+  sos.insert(sos.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0xFF, 0xD9, 0x00, 0x00, 0x00});
+  sos.insert(sos.end(), a.begin() + entropy, a.end());
+  // Marker-like bytes but no FF D8 FF; the fill bytes at the end run into the next SOI.
+  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
+  return {
+      // EOI missing: the next SOI ends the frame; or FF D8 00, no SOI, and then an EOI; or a
+      // frame cut inside its tables.
+      concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk}),
+      concatFrames({head(b, b.size() - 20), junk, head(b, 30), a}),
+      // Stepped over: the DHT, whose length bytes FF D9 read as an EOI until the segment is
+      // whole and the marker behind it has come, and the SOS.
+      concatFrames({claiming(0xFFD9), b}),
+      concatFrames({sos, b}),
+      // Not stepped over: the segment runs past the end, or over the next SOI.
+      concatFrames({a, head(claiming(6000), entropy + 5000)}),
+      concatFrames({head(claiming(4000), entropy + 2000), b, Bytes(3000, 0x00), a}),
+      // Stepped over although the next frame's SOI begins 2 bytes before the segment's end.
+      concatFrames({head(claiming(3000), entropy + 3000), b, a}),
+  };
+}
+
+// Cut from each frame's start on, every prefix of the stream that the splitter calls final
+// (`needs_more` false) cuts the frame as the whole stream does; and some prefix does for each
+// frame but the last, whose cut may depend on where the stream ends.
+TEST(ToolSplitterTest, CallsACutFinalOnlyWhereMoreBytesCantChangeIt) {
+  for (const Bytes& stream : streamsCutByLaterBytes()) {
+    size_t trailing;
+    const std::vector<Row> frames = split(stream, &trailing);
+    for (const Row& whole : frames) {
+      SCOPED_TRACE("frame at byte " + std::to_string(whole[0]) + " of " +
+                   std::to_string(stream.size()));
+      bool final = false;
+      for (size_t size = 0; whole[0] + size <= stream.size(); ++size) {
+        tool::MJPEGSplitter splitter(stream.data() + whole[0], size);
+        tool::SplitFrame f;
+        if (!splitter.next(&f) || f.needs_more) continue;
+        final = true;
+        ASSERT_EQ((Row{whole[0] + f.offset, f.size, whole[2] + f.junk_before, f.cut_short}), whole)
+            << "final with " << size << " bytes";
+      }
+      EXPECT_TRUE(final || &whole == &frames.back());
+    }
+  }
+}
+
+// What a reader hands out: index, byte offset, size, junk before, cut short of each frame.
+using Cut = std::array<int64_t, 5>;
+
+std::vector<Cut> readCuts(tool::FrameReader* reader, const Bytes& stream) {
+  std::vector<Cut> cuts;
+  for (tool::Frame f; reader->next(&f);) {
+    cuts.push_back({f.index, f.byte_offset, static_cast<int64_t>(f.size),
+                    static_cast<int64_t>(f.junk_before), f.cut_short});
+    EXPECT_TRUE(f.byte_offset >= 0 && f.byte_offset + f.size <= stream.size() &&
+                std::equal(f.data, f.data + f.size, stream.begin() + f.byte_offset))
+        << "frame " << f.index << " isn't the stream's bytes at byte " << f.byte_offset;
+  }
+  return cuts;
+}
+
+// The stream reader with reads that split the input every few bytes (an SOI behind junk
+// included) cuts it as the file reader does. A frame without end is cut after the frame limit,
+// also when the input ends soon behind it; the rest is junk up to the next frame.
+TEST(ToolStreamReaderTest, CutsAsTheFileReaderWhereverReadsSplitTheInput) {
+  TempDir dir;
+  const std::string file = dir.file("s.mjpeg");
+  const size_t limit = 256 << 10;
+  // The frames of `file`, which holds `data`, read `read_size` bytes at a time.
+  auto streamCuts = [&](const Bytes& data, size_t read_size, size_t* trailing) {
+    const std::unique_ptr<tool::FrameReader> reader = tool::FrameReader::openStream(
+        "s", ::open(file.c_str(), O_RDONLY | O_CLOEXEC), true, read_size, limit);
+    const std::vector<Cut> cuts = readCuts(reader.get(), data);
+    *trailing = reader->trailingJunk();
+    return cuts;
+  };
+  size_t trailing;
+  for (const Bytes& data : streamsCutByLaterBytes()) {
+    writeFile(file, data);
+    const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
+    const std::vector<Cut> expected = readCuts(mapped.get(), data);
+    for (const size_t read_size : {1, 2, 5, 4096}) {
+      SCOPED_TRACE(std::to_string(data.size()) + " bytes, reads of " + std::to_string(read_size));
+      EXPECT_EQ(streamCuts(data, read_size, &trailing), expected);
+      EXPECT_EQ(trailing, mapped->trailingJunk());
+    }
+  }
+
+  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
+  const int64_t endless = limit + 200000;
+  Bytes data = {0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00};
+  data.resize(limit + 100);
+  writeFile(file, data);
+  EXPECT_EQ(streamCuts(data, 65536, &trailing), (std::vector<Cut>{{0, 0, int64_t(limit), 0, 1}}));
+  EXPECT_EQ(trailing, 100u);
+  data.resize(endless);
+  data.insert(data.end(), b.begin(), b.end());
+  writeFile(file, data);
+  EXPECT_EQ(streamCuts(data, 65536, &trailing),
+            (std::vector<Cut>{{0, 0, int64_t(limit), 0, 1},
+                              {1, endless, int64_t(b.size()), endless - int64_t(limit), 0}}));
+}
+
+// open() reads a FIFO as a stream while another thread is still writing it: a lone frame, and
+// frames with junk, come out as from a file.
+TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
+  signal(SIGPIPE, SIG_IGN);  // a reader that gives up early must not stop the test
+  TempDir dir;
+  const std::string file = dir.file("s.mjpeg"), fifo = dir.file("s.fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const Bytes& data :
+       {encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1), streamsCutByLaterBytes()[0]}) {
+    writeFile(file, data);
+    const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
+    const std::vector<Cut> expected = readCuts(mapped.get(), data);
+    // 1000 bytes every 100 us; the future waits for the writer when it goes.
+    const std::future<void> writer = std::async(std::launch::async, [&] {
+      const int fd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+      for (size_t at = 0; at < data.size(); at += 1000) {
+        if (::write(fd, data.data() + at, std::min<size_t>(1000, data.size() - at)) <= 0) break;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+      }
+      ::close(fd);
+    });
+    const std::unique_ptr<tool::FrameReader> stream = tool::FrameReader::open(fifo);
+    EXPECT_EQ(readCuts(stream.get(), data), expected);
+    EXPECT_EQ(stream->trailingJunk(), mapped->trailingJunk());
+    EXPECT_EQ(stream->kind(), mapped->kind());
   }
 }
 

@@ -47,6 +47,37 @@ struct ToolRun {
 // is stopped after two minutes (exit code 124 or 137).
 ToolRun runTool(const std::vector<std::string>& args, const std::string& stdin_path = "");
 
+// The vidra-mjpeg binary running with pipes on its standard input and output, for tests that
+// feed it a stream bit by bit. Its stderr goes to a file; it is killed if still running at the
+// end of the test. The pipes' ends here don't block: send() and receive() read the tool's
+// output while they wait, so a full pipe in one direction can't stall the other.
+class ToolProcess {
+ public:
+  explicit ToolProcess(const std::vector<std::string>& args);
+  ~ToolProcess();
+  ToolProcess(const ToolProcess&) = delete;
+  ToolProcess& operator=(const ToolProcess&) = delete;
+
+  // Writes `data` to the tool's standard input. False when it took more than `timeout_ms`
+  // or the tool stopped reading.
+  bool send(const std::vector<uint8_t>& data, int timeout_ms);
+  // Collects the tool's output until it holds `bytes` bytes; false after `timeout_ms`, or when
+  // the output ended before.
+  bool receive(size_t bytes, int timeout_ms);
+  // Closes the tool's standard input, collects the rest of its output and waits for it to exit
+  // (two minutes at most, as runTool).
+  ToolRun finish();
+  const std::string& out() const { return out_; }
+
+ private:
+  // Moves data both ways until `data` is written and the output holds `want` bytes.
+  bool pump(const uint8_t* data, size_t size, size_t want, int timeout_ms);
+
+  int pid_ = -1, in_ = -1, out_fd_ = -1;
+  std::string out_;
+  TempDir scratch_;
+};
+
 // Passes when `text` contains `fragment`; a failure shows the whole text.
 testing::AssertionResult has(const std::string& text, const std::string& fragment);
 
