@@ -380,6 +380,10 @@ constexpr size_t kLookAhead = 65536;
 // What a read(2) of a stream asks for.
 constexpr size_t kStreamReadSize = 65536;
 
+// A stream's buffer keeps up to this much capacity between frames, so that frames of a few MiB
+// don't make it shrink and grow again every time; only more, left by a huge frame, is given back.
+constexpr size_t kKeptCapacity = size_t{16} << 20;
+
 // A raw MJPEG stream from a pipe, a FIFO or a device, read as it comes: each frame is handed
 // out as soon as its cut is final, when the input has ended or MJPEGSplitter, run on the bytes
 // buffered from the end of the last frame on, says more bytes can't change it (`needs_more`
@@ -472,8 +476,12 @@ class StreamReader : public FrameReader {
   }
 
  private:
+  // A frame limit holds at least an SOI (3 bytes), so that a frame cut at it is found again.
   StreamReader(const std::string& name, int fd, bool owns_fd, size_t read_size, size_t frame_limit)
-      : fd_(fd), owns_fd_(owns_fd), read_size_(read_size), frame_limit_(frame_limit) {
+      : fd_(fd),
+        owns_fd_(owns_fd),
+        read_size_(read_size),
+        frame_limit_(std::max<size_t>(frame_limit, 3)) {
     path_ = name;
   }
 
@@ -547,7 +555,10 @@ class StreamReader : public FrameReader {
     base_ += start_;
     scanned_ = scanned_ > start_ ? scanned_ - start_ : 0;
     start_ = 0;
-    if (buffer_.capacity() > 4 * (buffer_.size() + read_size_)) buffer_.shrink_to_fit();
+    if (buffer_.capacity() > kKeptCapacity &&
+        buffer_.capacity() > 4 * (buffer_.size() + read_size_)) {
+      buffer_.shrink_to_fit();
+    }
   }
 
   int fd_;

@@ -260,6 +260,7 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
 TEST(ToolCommandTest, DecodesALiveStreamOnStandardInputAsItComes) {
   const std::vector<std::string> files = corpusFiles("webcam-480p");
   VIDRA_REQUIRE_CORPUS(files, "webcam-480p");
+  ASSERT_GE(files.size(), 6u);
   std::vector<Bytes> frames;
   for (size_t i = 0; i < files.size() && i < 6; ++i) frames.push_back(readFile(files[i]));
   const Bytes first = concatFrames({frames[0], frames[1]}),
