@@ -267,6 +267,32 @@ TEST(ToolStreamReaderTest, CutsAsTheFileReaderWhereverReadsSplitTheInput) {
   EXPECT_EQ(streamCuts(data, 65536, &trailing),
             (std::vector<Cut>{{0, 0, int64_t(limit), 0, 1},
                               {1, endless, int64_t(b.size()), endless - int64_t(limit), 0}}));
+
+  // From a source that stays open, such a frame comes out at the limit without waiting for the
+  // end of the input. The writer holds the pipe open until then (20 s at most, a liveness bound).
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  data.resize(limit + 70000);
+  std::promise<void> frame_seen;
+  std::future<bool> writer = std::async(std::launch::async, [&] {
+    for (size_t at = 0; at < data.size();) {
+      const ssize_t put = ::write(fds[1], data.data() + at, data.size() - at);
+      if (put <= 0) break;
+      at += static_cast<size_t>(put);
+    }
+    const bool in_time =
+        frame_seen.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    ::close(fds[1]);
+    return in_time;
+  });
+  const std::unique_ptr<tool::FrameReader> live =
+      tool::FrameReader::openStream("p", fds[0], true, 65536, limit);
+  tool::Frame frame;
+  ASSERT_TRUE(live->next(&frame));
+  frame_seen.set_value();
+  EXPECT_TRUE(writer.get()) << "the frame came out only at the end of the input";
+  EXPECT_EQ(frame.size, limit);
+  EXPECT_TRUE(frame.cut_short);
 }
 
 // open() reads a FIFO as a stream while another thread is still writing it: a lone frame, and
