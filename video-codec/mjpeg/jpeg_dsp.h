@@ -51,6 +51,13 @@ const DSPFunctions& dsp();
 void setDSPForTesting(const DSPFunctions* functions);
 
 // Scalar forms.
+// Grey (0x80) chroma for layouts without a 4:2:0 form, in both decoders (jpeg_planes.cc): sets
+// `stride` x `rows` bytes at `plane`, the bytes between `width` and the stride included, and
+// nothing for a stride of 0. A negative stride (a bottom-up plane, rows at falling addresses)
+// gives no such block: then the `width` samples of each row are set, as adaptStrides()
+// addresses them.
+void fillGreyPlane(uint8_t* plane, int stride, int width, int rows);
+
 void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,
                         int height);
 void resample422To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,

@@ -10,6 +10,7 @@
 
 #include "jpeg.h"
 #include "jpeg_check.h"
+#include "jpeg_dsp.h"
 #include "vidra/log.h"
 
 namespace vidra {
@@ -19,21 +20,6 @@ namespace {
 // Whether `channel` has a plane of at least `width` x `height` samples.
 bool planeHolds(const Channel& channel, int width, int height) {
   return channel.image_ != nullptr && channel.stride_ >= width && channel.height_ >= height;
-}
-
-// Sets `stride` * `rows` bytes at `plane` to grey, the bytes behind each row of `width`
-// included; nothing for a stride of 0. A negative stride (a bottom-up plane) gives no such
-// block: then only the `width` samples of each row are set.
-void fillGrey(uint8_t* plane, int stride, int width, int rows) {
-  if (rows <= 0 || stride == 0) return;
-  if (stride > 0) {
-    std::memset(plane, 0x80, static_cast<size_t>(stride) * static_cast<size_t>(rows));
-    return;
-  }
-  if (width <= 0) return;
-  for (int y = 0; y < rows; ++y) {
-    std::memset(plane + static_cast<ptrdiff_t>(y) * stride, 0x80, static_cast<size_t>(width));
-  }
 }
 
 }  // namespace
@@ -114,8 +100,8 @@ bool SimpleJPEGDecoder::outputResults(int width, int height, uint8_t* y, int y_s
       adaptStrides(cr.image_, cr.stride_, v, v_stride, chroma_width, chroma_height);
       break;
     default:
-      fillGrey(u, u_stride, chroma_width, chroma_height);
-      fillGrey(v, v_stride, chroma_width, chroma_height);
+      fillGreyPlane(u, u_stride, chroma_width, chroma_height);
+      fillGreyPlane(v, v_stride, chroma_width, chroma_height);
       break;
   }
   return true;

@@ -14,6 +14,18 @@
 namespace vidra {
 namespace jpeg {
 
+void fillGreyPlane(uint8_t* plane, int stride, int width, int rows) {
+  if (rows <= 0 || stride == 0) return;
+  if (stride > 0) {
+    std::memset(plane, 0x80, static_cast<size_t>(stride) * static_cast<size_t>(rows));
+    return;
+  }
+  if (width <= 0) return;
+  for (int row = 0; row < rows; ++row) {
+    std::memset(plane + static_cast<ptrdiff_t>(row) * stride, 0x80, static_cast<size_t>(width));
+  }
+}
+
 // dst = (a[2x] + a[2x + 1] + b[2x] + b[2x + 1] + 1) >> 2 with a, b the source rows 2y, 2y + 1.
 // The rounding term is 1, not 2: the vector forms reproduce exactly this.
 void resample444To420_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, int width,

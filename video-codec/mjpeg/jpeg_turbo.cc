@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 
+#include "jpeg_dsp.h"
 #include "tj_compat.h"
 #include "vidra/log.h"
 #include "vidra/mjpeg.h"
@@ -94,22 +95,6 @@ bool computeLayout(int width, int height, int subsampling, YUVLayout* layout) {
   }
   layout->size = offset;
   return static_cast<unsigned long>(offset) == TJBUFSIZEYUV(width, height, subsampling);
-}
-
-// Sets `stride` x `rows` bytes at `plane` to grey, the bytes between `width` and the stride
-// included; nothing for a stride of 0. A negative stride (a bottom-up plane, rows at falling
-// addresses) gives no such block: then the `width` samples of each row are set, row by row, as
-// the Y copy and adaptStrides() address them.
-void fillGrey(uint8_t* plane, int stride, int width, int rows) {
-  if (rows <= 0 || stride == 0) return;
-  if (stride > 0) {
-    std::memset(plane, kGrey, static_cast<size_t>(stride) * static_cast<size_t>(rows));
-    return;
-  }
-  if (width <= 0) return;
-  for (int row = 0; row < rows; ++row) {
-    std::memset(plane + static_cast<ptrdiff_t>(row) * stride, kGrey, static_cast<size_t>(width));
-  }
 }
 
 }  // namespace
@@ -213,8 +198,8 @@ bool JTDecoder::decompress(const uint8_t* data, uint32_t size, int width, int he
       // their frames come out like grey ones, luma as decoded and chroma neutral, which is
       // also what the library's own decoder does with layouts it can't express. The result is
       // that of tjDestroy() as for every other frame.
-      fillGrey(u, u_stride, cw, ch);
-      fillGrey(v, v_stride, cw, ch);
+      fillGreyPlane(u, u_stride, cw, ch);
+      fillGreyPlane(v, v_stride, cw, ch);
       break;
   }
 
