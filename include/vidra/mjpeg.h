@@ -53,6 +53,113 @@ VIDRA_MJPEG_EXPORT extern bool g_force_use_jt_decoder;
 // The default Huffman tables of ITU-T T.81 Annex K.3 as one DHT segment, FF C4 marker included.
 VIDRA_MJPEG_EXPORT extern const uint8_t kMJPGDHTSeg[420];
 
+// ---- Frame headers and reports --------------------------------------------------------------
+// An addition beside decompressMJPEG(): one call that decodes a frame with per-call options and
+// says what happened to it, and a header reader. Both are as thread-safe as decompressMJPEG()
+// and keep no state between calls.
+
+// Colour space of a frame, as a JPEG decoder would infer it: from a JFIF or Adobe segment, and
+// else from the component ids.
+enum class ColourSpace : uint8_t { kUnknown = 0, kGrey, kYCbCr, kRGB, kCMYK, kYCCK };
+
+// Chroma subsampling of a frame, from the ratios of luma's sampling factors to those of the
+// chroma components. FFmpeg's 4:2:2 (luma 2x2, chroma 1x2) is k422 like a camera's 2x1, 1x1.
+enum class Subsampling : uint8_t { kUnknown = 0, k444, k422, k420, k440, k411, kGrey };
+
+// What the marker segments of a frame say, up to its first scan.
+struct FrameHeader {
+  int32_t width = 0;
+  int32_t height = 0;
+  int32_t precision = 0;   // bits per sample: 8, or 12/16 for frames no decoder here takes
+  int32_t components = 0;  // as declared by the frame header (the arrays hold the first four)
+  uint8_t component_ids[4] = {};
+  uint8_t h_factors[4] = {};  // horizontal sampling factors
+  uint8_t v_factors[4] = {};  // vertical sampling factors
+  uint8_t sof_marker = 0;     // 0xC0 baseline, 0xC1 extended, 0xC2 progressive, ...
+  bool progressive = false;
+  bool arithmetic = false;  // arithmetic entropy coding (SOF9 and up)
+  bool lossless = false;
+  ColourSpace colour_space = ColourSpace::kUnknown;
+  Subsampling subsampling = Subsampling::kUnknown;
+  int32_t restart_interval = 0;  // MCUs per restart span, 0 without restart markers
+  bool has_dht = false;          // a DHT segment comes before the first scan
+  bool has_scan = false;         // the header reaches a scan (SOS) before the data ends
+};
+
+// Reads the marker segments of `data` up to the first scan, tolerating fill bytes and junk
+// between segments as decoders do. Returns true when a frame header (SOFn) was read; fields
+// that the data doesn't reach stay at their defaults. Reads no entropy data, logs nothing.
+VIDRA_MJPEG_EXPORT bool readFrameHeader(const uint8_t* data, size_t size, FrameHeader* header);
+
+// Which decoder a call uses.
+enum class Decoder : uint8_t {
+  kAuto = 0,  // as decompressMJPEG(): TurboJPEG when forced or without SSSE3/SSE4.1, else own
+  kOwn,       // the library's own decoder on any processor (scalar forms where SIMD is missing)
+  kTurbo,     // the TurboJPEG path
+};
+
+struct DecodeOptions {
+  Decoder decoder = Decoder::kAuto;
+  // Put the default Huffman tables in front of the frame on the TurboJPEG path, as many MJPEG
+  // cameras need; the own decoder finds out by itself. (decompressMJPEG's `insert_dht`.)
+  bool insert_dht = true;
+  // When the own decoder refuses a frame as unsupported (its process, sampling layout or
+  // component count: progressive, 12-bit, grey, FFmpeg's 4:2:2, ...), decode it on the
+  // TurboJPEG path instead. Damage never triggers this: a damaged frame is concealed, and one
+  // with too few good MCUs stays failed.
+  bool fallback = false;
+};
+
+enum class FrameStatus : uint8_t {
+  kClean = 0,  // decoded without damage
+  kConcealed,  // decoded; damaged MCUs were concealed and more than 80% of all decoded
+  kFailed,     // the planes were written, concealment included, but 80% or fewer MCUs decoded
+  kRefused,    // nothing was written; `reason` says why
+};
+
+// Which decoder produced the planes.
+enum class DecodePath : uint8_t { kNone = 0, kOwn, kTurbo, kTurboFallback };
+
+enum class RefusalReason : uint8_t {
+  kNone = 0,
+  kInvalidArgument,         // a null pointer, an empty frame, a bad size or stride
+  kSizeMismatch,            // the frame's size isn't the requested width x height
+  kNotJPEG,                 // no SOI marker at the start
+  kUnsupportedProcess,      // progressive, arithmetic, 12-bit, lossless, or another marker
+  kUnsupportedLayout,       // sampling layout or component count (grey on the own decoder)
+  kUnsupportedColourSpace,  // neither YCbCr nor grey: RGB, CMYK, YCCK
+  kBadHeader,               // a malformed marker segment, Huffman or quantisation table
+  kTruncated,               // the data ends before the scan
+  kTooLarge,                // the frame is too large for its data or for the decoder
+  kTurboError,              // TurboJPEG failed to decode the frame
+};
+
+// One short English text for `reason`, e.g. "truncated before the scan".
+VIDRA_MJPEG_EXPORT const char* refusalReasonText(RefusalReason reason);
+
+struct FrameReport {
+  FrameStatus status = FrameStatus::kRefused;
+  DecodePath path = DecodePath::kNone;
+  RefusalReason reason = RefusalReason::kNone;  // kNone unless the frame was refused
+  FrameHeader header;                           // as read from the frame
+  int32_t total_mcus = 0;                       // own decoder only; 0 on the TurboJPEG path
+  int32_t valid_mcus = 0;                       // MCUs that decoded cleanly (own decoder)
+};
+
+// Decodes `data` into the planes as decompressMJPEG() does and fills `report`. Returns true for
+// a clean or concealed frame. With the default options but `fallback` off, the result and the
+// planes equal decompressMJPEG()'s for every frame, except that frames that are neither YCbCr
+// nor grey are refused (kUnsupportedColourSpace) on both paths instead of being decoded with
+// wrong colours. Bad arguments are refused with kInvalidArgument, planes untouched: a null or
+// empty frame, a size outside 1..65535, a null plane where rows are due, a stride shorter than
+// its row. A null `report` makes the call return false at once. The decoders log as they do
+// under decompressMJPEG(); a frame that the header already shows to be unsupported goes to the
+// fallback without the own decoder's refusal being logged.
+VIDRA_MJPEG_EXPORT bool decodeFrame(const uint8_t* data, size_t size, int width, int height,
+                                    uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v,
+                                    int v_stride, const DecodeOptions& options,
+                                    FrameReport* report);
+
 // ---- Plane utilities ------------------------------------------------------------------------
 // `width` and `height` are the size of the result. Source and destination must not overlap.
 
