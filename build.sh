@@ -11,7 +11,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick)
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv)
 
 install_deps() {
   local missing=()

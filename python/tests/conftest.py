@@ -1,0 +1,94 @@
+"""Shared helpers: the corpus, frames made by ffmpeg at test time, and the library's C interface
+through ctypes as the reference that the module's planes must equal."""
+
+import ctypes
+import os
+import pathlib
+import shutil
+import subprocess
+
+import numpy as np
+import pytest
+
+import vidra_mjpeg
+
+CORPUS = pathlib.Path(os.environ.get(
+    "VIDRA_CORPUS_DIR", pathlib.Path(__file__).resolve().parents[3] / "shared" / "corpus"))
+
+
+def corpus_files(*folders):
+    """Corpus frames as pytest params (ids "folder/name"); one skipping param when absent."""
+    files = sorted(f for folder in folders for f in (CORPUS / folder).glob("*.jpg"))
+    if not files:
+        return [pytest.param(None, marks=pytest.mark.skip(reason=f"corpus not found in {CORPUS}"))]
+    return [pytest.param(f, id=f"{f.parent.name}/{f.name}") for f in files]
+
+
+def corpus_frame(relative):
+    path = CORPUS / relative
+    if not path.exists():
+        pytest.skip(f"corpus frame {path} not found")
+    return path.read_bytes()
+
+
+def ffmpeg_frame(tmp_path, size, pix_fmt, source="testsrc2", frames=1, suffix=".jpg"):
+    """A frame (or an MJPEG file of `frames` frames) encoded by FFmpeg's mjpeg encoder."""
+    if shutil.which("ffmpeg") is None:
+        pytest.skip("ffmpeg not installed")
+    out = tmp_path / f"{source}-{size}-{pix_fmt}-{frames}{suffix}"
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"{source}=size={size}",
+                    "-frames:v", str(frames), "-c:v", "mjpeg", "-pix_fmt", pix_fmt, "-q:v", "3",
+                    str(out)], check=True)
+    return out.read_bytes() if suffix == ".jpg" else out
+
+
+class _Header(ctypes.Structure):
+    _fields_ = [("width", ctypes.c_int32), ("height", ctypes.c_int32),
+                ("precision", ctypes.c_int32), ("components", ctypes.c_int32),
+                ("component_ids", ctypes.c_uint8 * 4), ("h_factors", ctypes.c_uint8 * 4),
+                ("v_factors", ctypes.c_uint8 * 4)] + [
+                    (name, ctypes.c_int32) for name in (
+                        "sof_marker", "progressive", "arithmetic", "lossless", "colour_space",
+                        "subsampling", "restart_interval", "has_dht", "has_scan")]
+
+
+class _Options(ctypes.Structure):
+    _fields_ = [("decoder", ctypes.c_int32), ("insert_dht", ctypes.c_int32),
+                ("fallback", ctypes.c_int32)]
+
+
+class _Report(ctypes.Structure):
+    _fields_ = [("status", ctypes.c_int32), ("path", ctypes.c_int32), ("reason", ctypes.c_int32),
+                ("total_mcus", ctypes.c_int32), ("valid_mcus", ctypes.c_int32),
+                ("header", _Header)]
+
+
+class CInterface:
+    """vidra_mjpeg_decode() of the library that the module loaded."""
+
+    def __init__(self):
+        # The module has loaded the library already; dlopen finds it by its soname.
+        self.lib = ctypes.CDLL("libvidra_mjpeg.so.0")
+
+    def decode(self, data, decoder, fallback):
+        header = _Header()
+        self.lib.vidra_mjpeg_read_header(data, ctypes.c_size_t(len(data)), ctypes.byref(header))
+        w, h = header.width, header.height
+        if w < 1 or h < 1:
+            return None, None
+        planes = np.zeros(vidra_mjpeg.i420_nbytes(w, h), np.uint8)
+        y = planes.ctypes.data
+        u = y + w * h
+        v = u + (w // 2) * (h // 2)
+        options = _Options(decoder, 1, int(fallback))
+        report = _Report()
+        self.lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h,
+                                    ctypes.c_void_p(y), w, ctypes.c_void_p(u), w // 2,
+                                    ctypes.c_void_p(v), w // 2, ctypes.byref(options),
+                                    ctypes.byref(report))
+        return planes, report
+
+
+@pytest.fixture(scope="session")
+def c_interface():
+    return CInterface()
