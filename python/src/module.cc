@@ -209,7 +209,7 @@ py::object readHeader(py::handle data) {
   py::dict d;
   d["width"] = h.width;
   d["height"] = h.height;
-  d["subsampling"] = static_cast<int>(h.subsampling);
+  d["sampling"] = static_cast<int>(h.subsampling);
   d["progressive"] = h.progressive;
   d["colour_space"] = static_cast<int>(h.colour_space);
   d["precision"] = h.precision;

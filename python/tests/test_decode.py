@@ -1,6 +1,7 @@
 """decode_i420 and read_header against the library's C interface, buffers, errors, the GIL."""
 
 import array
+import concurrent.futures
 import logging
 import mmap
 import random
@@ -210,6 +211,29 @@ def test_no_leak_over_10000_decodes():
     tracemalloc.stop()
     assert grown < 256 * 1024, f"{grown} bytes still traced after 10,000 decodes"
     assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - rss < 16 * 1024  # KiB
+
+
+def test_threads_decode_at_once_as_one_does(caplog):
+    frames = [corpus_frame(name) for name in (
+        "webcam-480p/again-00.jpg", "webcam-720p/book-01.jpg", "damaged/flip-again-00.jpg",
+        "reftest/jpg-progressive.jpg", "reftest/rgb.jpg")]
+    frames = (frames + [frames[0][:100]]) * 8
+
+    def outcome(data):
+        try:
+            return vm.decode_i420(data).buffer.tobytes()
+        except vm.DecodeError as error:
+            return error.reason
+
+    with caplog.at_level(logging.DEBUG, logger="vidra_mjpeg"):
+        serial = [outcome(f) for f in frames]
+        logged = len(caplog.records)
+        caplog.clear()
+        with concurrent.futures.ThreadPoolExecutor(2) as pool:
+            assert list(pool.map(outcome, frames)) == serial
+    # The same lines, each in the thread that decoded its frame.
+    assert logged > 0 and len(caplog.records) == logged
+    assert all(r.threadName.startswith("ThreadPoolExecutor") for r in caplog.records)
 
 
 def test_gil_released_while_decoding(tmp_path):

@@ -94,7 +94,7 @@ class Header(NamedTuple):
 
     width: int
     height: int
-    subsampling: Subsampling
+    sampling: Subsampling
     progressive: bool
     colour_space: ColourSpace
     precision: int
@@ -189,7 +189,7 @@ def read_header(data) -> Header:
         starts = bytes(memoryview(data).cast("B")[:2]) if _nbytes(data) >= 2 else b""
         reason = Reason.BAD_HEADER if starts == b"\xff\xd8" else Reason.NOT_JPEG
         raise FrameRefused(f"no frame header: {reason.text}", Status.REFUSED, reason)
-    fields["subsampling"] = Subsampling(fields["subsampling"])
+    fields["sampling"] = Subsampling(fields["sampling"])
     fields["colour_space"] = ColourSpace(fields["colour_space"])
     return Header(**fields)
 

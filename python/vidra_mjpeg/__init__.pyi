@@ -55,7 +55,7 @@ class Subsampling(enum.IntEnum):
 class Header(NamedTuple):
     width: int
     height: int
-    subsampling: Subsampling
+    sampling: Subsampling
     progressive: bool
     colour_space: ColourSpace
     precision: int
