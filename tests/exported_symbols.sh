@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # The shared library exports exactly its public interface: the entry points, the plane
-# functions, the globals, the default DHT segment, the MCU kernel and the public operations of
-# the two decoder classes. Anything else that leaks out fails this test.
+# functions, the globals, the default DHT segment, the MCU kernel, the public operations of
+# the two decoder classes and the stream splitter (C++ and C). Anything else that leaks out
+# fails this test.
 set -euo pipefail
 library="$1"
 exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDRBVW]$/ {print $3}' | c++filt | sort -u)
 
-allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|decode_mcu_span_sse2_64|_init|_fini|_edata|_end|__bss_start)$'
+allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|findFrame|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|vidra::jpeg::(MJPEGSplitter|MJPEGStreamSplitter)::.*|vidra_mjpeg_splitter_(find|new|free|feed|finish|next|pending_junk|total_junk)|decode_mcu_span_sse2_64|_init|_fini|_edata|_end|__bss_start)$'
 required=(
   'vidra::jpeg::decompressMJPEG('
   'vidra::jpeg::getJPEGImageSize('
@@ -22,6 +23,11 @@ required=(
   'vidra::jpeg::SimpleJPEGDecoder::decompress('
   'vidra::jpeg::JTDecoder::decompress('
   'decode_mcu_span_sse2_64'
+  'vidra::jpeg::findFrame('
+  'vidra::jpeg::MJPEGSplitter::next('
+  'vidra::jpeg::MJPEGStreamSplitter::next('
+  'vidra_mjpeg_splitter_find'
+  'vidra_mjpeg_splitter_next'
 )
 
 status=0
