@@ -16,6 +16,7 @@
 
 #include "vidra/log.h"
 #include "vidra/mjpeg.h"
+#include "vidra/splitter.h"
 
 namespace py = pybind11;
 using vidra::jpeg::DecodeOptions;
@@ -226,6 +227,44 @@ py::object readHeader(py::handle data) {
   return std::move(d);
 }
 
+// ---- Streams -----------------------------------------------------------------------------
+
+// The frames of one buffer as (offset, size) pairs; holds the buffer's export while it lives.
+// Cutting is quick (linear in the bytes), so it keeps the GIL, and with it one caller at a time.
+class BufferSplitter {
+ public:
+  explicit BufferSplitter(py::handle data)
+      : input_(data), splitter_(input_.data(), input_.size()) {}
+
+  py::tuple next() {
+    vidra::jpeg::SplitFrame frame;
+    if (!splitter_.next(&frame)) throw py::stop_iteration();
+    return py::make_tuple(frame.offset, frame.size);
+  }
+
+ private:
+  InputBuffer input_;
+  vidra::jpeg::MJPEGSplitter splitter_;
+};
+
+// Bytes fed in pieces; next() hands out a copy of each frame whose cut is final, else None.
+class StreamSplitter {
+ public:
+  void feed(py::handle data) {
+    InputBuffer input(data);
+    splitter_.feed(input.data(), input.size());
+  }
+  void finish() { splitter_.finish(); }
+  py::object next() {
+    vidra::jpeg::StreamFrame frame;
+    if (!splitter_.next(&frame)) return py::none();
+    return py::bytes(reinterpret_cast<const char*>(frame.data), frame.size);
+  }
+
+ private:
+  vidra::jpeg::MJPEGStreamSplitter splitter_;
+};
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
@@ -235,6 +274,15 @@ PYBIND11_MODULE(_core, m) {
   m.def("decode", &decode, py::arg("data"), py::arg("out"), py::arg("fallback"),
         py::arg("decoder"));
   m.def("read_header", &readHeader, py::arg("data"));
+  py::class_<BufferSplitter>(m, "BufferSplitter")
+      .def(py::init<py::handle>(), py::arg("data"))
+      .def("__iter__", [](py::object self) { return self; })
+      .def("__next__", &BufferSplitter::next);
+  py::class_<StreamSplitter>(m, "StreamSplitter")
+      .def(py::init<>())
+      .def("feed", &StreamSplitter::feed, py::arg("data"))
+      .def("finish", &StreamSplitter::finish)
+      .def("next", &StreamSplitter::next);
   m.def(
       "i420_nbytes",
       [](int64_t width, int64_t height) {

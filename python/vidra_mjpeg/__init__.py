@@ -15,7 +15,7 @@ from __future__ import annotations
 
 import enum
 import logging
-from typing import NamedTuple, Optional
+from typing import Iterator, NamedTuple, Optional
 
 from . import _core
 
@@ -225,6 +225,74 @@ def decode_i420(data, *, out=None, fallback: bool = True, decoder: str = "auto",
         raise FrameFailed(f"frame {status.name.lower()}: {valid} of {total} MCUs decoded",
                           status, frame.reason, frame)
     return frame
+
+
+def split_mjpeg(buffer) -> Iterator[memoryview]:
+    """The frames of a raw MJPEG stream held in one C-contiguous buffer (frames back to back,
+    as `ffmpeg -f mjpeg` and many cameras write them), in order, as zero-copy memoryviews of
+    it. Junk between frames is skipped; a frame whose EOI is missing ends where the next one
+    begins, and a last frame cut short still comes out."""
+    view = memoryview(buffer)
+    if not view.c_contiguous:
+        raise ValueError("buffer must be C-contiguous")
+    if view.ndim != 1 or view.format != "B":
+        view = view.cast("B")
+    return _split(view)
+
+
+def _split(view):
+    for offset, size in _core.BufferSplitter(view):
+        yield view[offset:offset + size]
+
+
+def _read_frames(file, chunk):
+    splitter = _core.StreamSplitter()
+    read = getattr(file, "read1", file.read)
+    while True:
+        data = read(chunk)
+        if not data:
+            break
+        splitter.feed(data)
+        while (frame := splitter.next()) is not None:
+            yield frame
+    splitter.finish()
+    while (frame := splitter.next()) is not None:
+        yield frame
+
+
+def _decode_all(frames, on_error, options):
+    for data in frames:
+        try:
+            yield decode_i420(data, **options)
+        except DecodeError as error:
+            if on_error == "raise":
+                raise
+            if on_error == "yield":
+                yield error
+
+
+def iter_decode(source, *, on_error: str = "raise", fallback: bool = True,
+                decoder: str = "auto", strict: bool = False) -> Iterator[Frame]:
+    """Decodes the frames of a raw MJPEG stream in order: `source` is a bytes-like object (cut
+    with split_mjpeg) or a binary file object opened for reading (a file, a pipe, a socket's
+    makefile("rb")), read in pieces as the frames come.
+
+    on_error: what a frame that raises DecodeError does: "raise" ends the iteration with it,
+        "skip" leaves the frame out, "yield" yields the exception in the frame's place (a
+        FrameFailed's `frame` holds the planes).
+    Other keywords as for decode_i420.
+    """
+    if on_error not in ("raise", "skip", "yield"):
+        raise ValueError(f"on_error must be 'raise', 'skip' or 'yield', not {on_error!r}")
+    try:
+        frames = split_mjpeg(source)
+    except TypeError:
+        if not hasattr(source, "read"):
+            raise TypeError("source must be a bytes-like object or a binary file object, not "
+                            f"{type(source).__name__}") from None
+        frames = _read_frames(source, 1 << 16)
+    return _decode_all(frames, on_error,
+                       {"fallback": fallback, "decoder": decoder, "strict": strict})
 
 
 def set_log_level(level: int, channel: Optional[str] = None) -> None:
