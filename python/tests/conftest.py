@@ -42,50 +42,33 @@ def ffmpeg_frame(tmp_path, size, pix_fmt, source="testsrc2", frames=1, suffix=".
     return out.read_bytes() if suffix == ".jpg" else out
 
 
-class _Header(ctypes.Structure):
-    _fields_ = [("width", ctypes.c_int32), ("height", ctypes.c_int32),
-                ("precision", ctypes.c_int32), ("components", ctypes.c_int32),
-                ("component_ids", ctypes.c_uint8 * 4), ("h_factors", ctypes.c_uint8 * 4),
-                ("v_factors", ctypes.c_uint8 * 4)] + [
-                    (name, ctypes.c_int32) for name in (
-                        "sof_marker", "progressive", "arithmetic", "lossless", "colour_space",
-                        "subsampling", "restart_interval", "has_dht", "has_scan")]
-
-
-class _Options(ctypes.Structure):
-    _fields_ = [("decoder", ctypes.c_int32), ("insert_dht", ctypes.c_int32),
-                ("fallback", ctypes.c_int32)]
-
-
-class _Report(ctypes.Structure):
-    _fields_ = [("status", ctypes.c_int32), ("path", ctypes.c_int32), ("reason", ctypes.c_int32),
-                ("total_mcus", ctypes.c_int32), ("valid_mcus", ctypes.c_int32),
-                ("header", _Header)]
+class _Report(ctypes.Structure):  # vidra_mjpeg_report, with room for its header (unread)
+    _fields_ = [(name, ctypes.c_int32) for name in (
+        "status", "path", "reason", "total_mcus", "valid_mcus")]
+    _fields_.append(("header", ctypes.c_uint8 * 128))
 
 
 class CInterface:
-    """vidra_mjpeg_decode() of the library that the module loaded."""
+    """vidra_mjpeg_decode() of the library that the module loaded, with fallback on."""
 
     def __init__(self):
         # The module has loaded the library already; dlopen finds it by its soname.
         self.lib = ctypes.CDLL("libvidra_mjpeg.so.0")
 
-    def decode(self, data, decoder, fallback):
-        header = _Header()
-        self.lib.vidra_mjpeg_read_header(data, ctypes.c_size_t(len(data)), ctypes.byref(header))
-        w, h = header.width, header.height
+    def decode(self, data, decoder):
+        try:
+            w, h = vidra_mjpeg.read_header(data)[:2]
+        except vidra_mjpeg.DecodeError:
+            w = h = 0
         if w < 1 or h < 1:
             return None, None
         planes = np.zeros(vidra_mjpeg.i420_nbytes(w, h), np.uint8)
         y = planes.ctypes.data
-        u = y + w * h
-        v = u + (w // 2) * (h // 2)
-        options = _Options(decoder, 1, int(fallback))
-        report = _Report()
-        self.lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h,
-                                    ctypes.c_void_p(y), w, ctypes.c_void_p(u), w // 2,
-                                    ctypes.c_void_p(v), w // 2, ctypes.byref(options),
-                                    ctypes.byref(report))
+        u, v = y + w * h, y + w * h + (w // 2) * (h // 2)
+        options, report = (ctypes.c_int32 * 3)(decoder, 1, 1), _Report()
+        self.lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h, ctypes.c_void_p(y), w,
+                                    ctypes.c_void_p(u), w // 2, ctypes.c_void_p(v), w // 2,
+                                    options, ctypes.byref(report))
         return planes, report
 
 
