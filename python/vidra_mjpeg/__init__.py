@@ -186,16 +186,12 @@ def read_header(data) -> Header:
     Raises FrameRefused when no frame header (SOFn) is found."""
     fields = _core.read_header(data)
     if fields is None:
-        starts = bytes(memoryview(data).cast("B")[:2]) if _nbytes(data) >= 2 else b""
-        reason = Reason.BAD_HEADER if starts == b"\xff\xd8" else Reason.NOT_JPEG
+        soi = bytes(memoryview(data).cast("B")[:2]) == b"\xff\xd8"
+        reason = Reason.BAD_HEADER if soi else Reason.NOT_JPEG
         raise FrameRefused(f"no frame header: {reason.text}", Status.REFUSED, reason)
     fields["sampling"] = Subsampling(fields["sampling"])
     fields["colour_space"] = ColourSpace(fields["colour_space"])
     return Header(**fields)
-
-
-def _nbytes(data) -> int:
-    return memoryview(data).nbytes
 
 
 def decode_i420(data, *, out=None, fallback: bool = True, decoder: str = "auto",
