@@ -7,9 +7,10 @@ threads.
 
 Each decoder gets the same frames; the decoders take turns in rounds of --time seconds and a
 decoder's figure is its best round (of --rounds), the least disturbed by other work on the
-machine. What each produces differs: decode_i420 I420 planes, cv2.imdecode a BGR picture
-(colour conversion included, as OpenCV users get it), PyAV a frame in the stream's own
-format (4:2:2 here, no conversion: its cheapest output).
+machine. "cores busy" is the process's CPU time over the wall time of that round: a second
+thread that found no free core shows as such. What each produces differs: decode_i420 I420
+planes, cv2.imdecode a BGR picture (colour conversion included, as OpenCV users get it), PyAV
+a frame in the stream's own format (4:2:2 here, no conversion: its cheapest output).
 """
 
 import argparse
@@ -68,7 +69,8 @@ def run_for(decode, frames, seconds):
 
 
 def threaded(make, frames, seconds, threads):
-    """Frames/s of `threads` threads at once, each with its own decoder and its own frame order."""
+    """Frames/s of `threads` threads at once, each with its own decoder and its own frame order,
+    and the cores they kept busy (process CPU time over wall time)."""
     results = [None] * threads
     barrier = threading.Barrier(threads)
 
@@ -79,11 +81,13 @@ def threaded(make, frames, seconds, threads):
         results[i] = run_for(decode, rotated, seconds)
 
     workers = [threading.Thread(target=work, args=(i,)) for i in range(threads)]
+    cpu, wall = time.process_time(), time.perf_counter()
     for w in workers:
         w.start()
     for w in workers:
         w.join()
-    return sum(c for c, _ in results) / max(t for _, t in results)
+    cores = (time.process_time() - cpu) / (time.perf_counter() - wall)
+    return sum(c for c, _ in results) / max(t for _, t in results), cores
 
 
 def main():
@@ -106,8 +110,8 @@ def main():
     else:
         print("PyAV (python3-av) missing: its decoder not measured", file=sys.stderr)
 
-    print("| frames | decoder | threads | frames/s | MP/s | vs decode_i420 1 thread |")
-    print("|---|---|---|---|---|---|")
+    print("| frames | decoder | threads | frames/s | MP/s | vs decode_i420 1 thread | cores busy |")
+    print("|---|---|---|---|---|---|---|")
     for folder in args.dirs:
         frames = [f.read_bytes() for f in sorted(folder.glob("*.jpg"))]
         if not frames:
@@ -122,13 +126,13 @@ def main():
         best = {}
         for _ in range(args.rounds):
             for name, make, threads in rows:
-                rate = threaded(make, frames, args.time, threads)
-                best[name, threads] = max(best.get((name, threads), 0.0), rate)
-        base = best["decode_i420", 1]
+                result = threaded(make, frames, args.time, threads)
+                best[name, threads] = max(best.get((name, threads), (0.0, 0.0)), result)
+        base = best["decode_i420", 1][0]
         for name, _, threads in rows:
-            rate = best[name, threads]
+            rate, cores = best[name, threads]
             print(f"| {header.width}x{header.height} | {name} | {threads} | {rate:.0f} | "
-                  f"{rate * pixels / 1e6:.0f} | {rate / base:.2f} |")
+                  f"{rate * pixels / 1e6:.0f} | {rate / base:.2f} | {cores:.2f} |")
 
 
 if __name__ == "__main__":
