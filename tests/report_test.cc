@@ -229,6 +229,46 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
   }
 }
 
+// The report of each damaged and quirky corpus frame on the own decoder, with the fallback.
+TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
+  QuietLog quiet;
+  struct Case {
+    const char* file;
+    FrameStatus status;
+    DecodePath path;
+    int valid, total;  // MCUs
+    RefusalReason reason = RefusalReason::kNone;
+  } cases[] = {
+      {"damaged/flip-again-00.jpg", FrameStatus::kConcealed, DecodePath::kOwn, 2320, 2400},
+      {"damaged/flip-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/flip-again-02.jpg", FrameStatus::kClean, DecodePath::kOwn, 2400, 2400},
+      {"damaged/trunc-again-00.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1600, 2400},
+      {"damaged/trunc-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/trunc-again-02.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1520, 2400},
+      {"reftest/extraneous-data.jpg", FrameStatus::kClean, DecodePath::kOwn, 1, 1},
+      {"reftest/restarts.jpg", FrameStatus::kClean, DecodePath::kOwn, 25, 25},
+      {"reftest/jpg-gray.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/jpg-progressive.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/non-interleaved-mcu.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/rgb.jpg", FrameStatus::kRefused, DecodePath::kNone, 0, 0,
+       RefusalReason::kUnsupportedColourSpace},
+  };
+  if (test::corpusDir().empty()) GTEST_SKIP() << "corpus not found";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::vector<uint8_t> frame = test::readFile(test::corpusDir() + "/" + c.file);
+    FrameHeader header;
+    ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &header));
+    const Outcome out =
+        decode(frame, header.width, header.height, withDecoder(Decoder::kOwn, true));
+    EXPECT_EQ(out.report.status, c.status);
+    EXPECT_EQ(out.report.path, c.path);
+    EXPECT_EQ(out.report.valid_mcus, c.valid);
+    EXPECT_EQ(out.report.total_mcus, c.total);
+    EXPECT_EQ(out.report.reason, c.reason);
+  }
+}
+
 // One frame for each reason, on the path that gives it.
 TEST(FrameReportTest, RefusalReasons) {
   QuietLog quiet;
