@@ -12,8 +12,10 @@
 #include "gstvidramjpegdec.h"
 
 #include <cstring>
+#include <new>
 
 #include "vidra/mjpeg.h"
+#include "vidra/splitter.h"
 
 GST_DEBUG_CATEGORY(gst_vidra_mjpeg_dec_debug);
 #define GST_CAT_DEFAULT gst_vidra_mjpeg_dec_debug
@@ -67,6 +69,12 @@ struct _GstVidraMjpegDec {
   gint out_width;  // size of the negotiated output; 0 before the first frame
   gint out_height;
   gboolean guess_packetized;  // the next buffer decides (caps without parsed=true)
+  // parse(): the splitter has been fed the adapter's bytes; the adapter's first byte is byte
+  // `adapter_start` of the splitter's input, and the last frame handed out ended at
+  // `last_frame_end`.
+  vidra::jpeg::MJPEGStreamSplitter* splitter;
+  guint64 adapter_start;
+  guint64 last_frame_end;
 };
 
 G_DEFINE_TYPE(GstVidraMjpegDec, gst_vidra_mjpeg_dec, GST_TYPE_VIDEO_DECODER)
@@ -222,6 +230,63 @@ GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const
   return gst_video_decoder_finish_frame(bdec, frame);
 }
 
+void resetSplitter(GstVidraMjpegDec* dec) {
+  delete dec->splitter;
+  dec->splitter = nullptr;
+  dec->adapter_start = dec->last_frame_end = 0;
+}
+
+// Cuts a byte stream into frames with the library's stream splitter, which sees each byte
+// once: the adapter's new bytes are copied into it, junk is flushed from the adapter as soon
+// as it is known, and each frame's bytes go to the base class when its cut is final (at its
+// EOI, so a frame comes out as soon as it is complete). At the end of the stream (or a drain)
+// the frame being gathered comes out as it is, and the splitter starts afresh.
+GstFlowReturn parse(GstVideoDecoder* bdec, GstVideoCodecFrame*, GstAdapter* adapter,
+                    gboolean at_eos) {
+  auto* dec = GST_VIDRA_MJPEG_DEC(bdec);
+  try {
+    if (dec->splitter == nullptr) dec->splitter = new vj::MJPEGStreamSplitter();
+    vj::MJPEGStreamSplitter* splitter = dec->splitter;
+    const gsize available = gst_adapter_available(adapter);
+    const gsize fed = splitter->bytesFed() - dec->adapter_start;
+    if (available > fed) {
+      const gsize count = available - fed;
+      gst_adapter_copy(adapter, splitter->reserve(count), fed, count);
+      splitter->commit(count);
+    }
+    if (at_eos) splitter->finish();
+    vj::StreamFrame frame;
+    if (splitter->next(&frame)) {
+      if (frame.offset > dec->adapter_start) {
+        GST_DEBUG_OBJECT(dec, "skipping %" G_GUINT64_FORMAT " bytes of junk",
+                         frame.offset - dec->adapter_start);
+        gst_adapter_flush(adapter, frame.offset - dec->adapter_start);
+      }
+      if (frame.cut_short) {
+        GST_DEBUG_OBJECT(dec, "frame of %" G_GSIZE_FORMAT " bytes without EOI", frame.size);
+      }
+      dec->adapter_start = dec->last_frame_end = frame.offset + frame.size;
+      gst_video_decoder_add_to_frame(bdec, frame.size);
+      return gst_video_decoder_have_frame(bdec);
+    }
+    // No frame yet: what is certainly junk leaves the adapter now.
+    const guint64 junk_end = dec->last_frame_end + splitter->pendingJunk();
+    if (junk_end > dec->adapter_start) {
+      gst_adapter_flush(adapter, junk_end - dec->adapter_start);
+      dec->adapter_start = junk_end;
+    }
+    if (at_eos) {
+      gst_adapter_clear(adapter);  // nothing is left but junk
+      resetSplitter(dec);
+    }
+    return GST_VIDEO_DECODER_FLOW_NEED_DATA;
+  } catch (const std::bad_alloc&) {
+    GST_ELEMENT_ERROR(dec, RESOURCE, NO_SPACE_LEFT, ("Out of memory while cutting frames"),
+                      ("%" G_GSIZE_FORMAT " bytes waiting", gst_adapter_available(adapter)));
+    return GST_FLOW_ERROR;
+  }
+}
+
 GstFlowReturn handleFrame(GstVideoDecoder* bdec, GstVideoCodecFrame* frame) {
   auto* dec = GST_VIDRA_MJPEG_DEC(bdec);
   // Finishing or dropping the frame releases its input buffer.
@@ -268,8 +333,8 @@ gboolean sinkEvent(GstVideoDecoder* bdec, GstEvent* event) {
   return GST_VIDEO_DECODER_CLASS(gst_vidra_mjpeg_dec_parent_class)->sink_event(bdec, event);
 }
 
-// The first buffer after caps without parsed=true: one timestamped frame, from its SOI on,
-// means a demuxer or a camera, and the stream is taken as packetized.
+// The first buffer after caps without parsed=true: one timestamped frame means a demuxer or a
+// camera, and the stream is taken as packetized; anything else goes through parse().
 GstPadProbeReturn guessPacketized(GstPad*, GstPadProbeInfo* info, gpointer user) {
   auto* dec = GST_VIDRA_MJPEG_DEC(user);
   auto* bdec = GST_VIDEO_DECODER(dec);
@@ -277,10 +342,17 @@ GstPadProbeReturn guessPacketized(GstPad*, GstPadProbeInfo* info, gpointer user)
   if (dec->guess_packetized) {
     dec->guess_packetized = FALSE;
     GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
-    guint8 soi[3];
-    const gboolean packetized = GST_BUFFER_PTS_IS_VALID(buffer) &&
-                                gst_buffer_extract(buffer, 0, soi, 3) == 3 && soi[0] == 0xFF &&
-                                soi[1] == 0xD8 && soi[2] == 0xFF;
+    gboolean packetized = FALSE;
+    GstMapInfo map;
+    if (GST_BUFFER_PTS_IS_VALID(buffer) && gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+      // A frame from its SOI to its EOI, and no further SOI behind it (cameras may pad).
+      vj::SplitFrame frame, rest;
+      packetized = vj::findFrame(map.data, map.size, true, &frame) == vj::SplitStatus::kFrame &&
+                   frame.offset == 0 && !frame.cut_short &&
+                   vj::findFrame(map.data + frame.size, map.size - frame.size, true, &rest) ==
+                       vj::SplitStatus::kNoFrame;
+      gst_buffer_unmap(buffer, &map);
+    }
     GST_DEBUG_OBJECT(dec, "input %s", packetized ? "packetized" : "a byte stream");
     gst_video_decoder_set_packetized(bdec, packetized);
   }
@@ -291,13 +363,23 @@ GstPadProbeReturn guessPacketized(GstPad*, GstPadProbeInfo* info, gpointer user)
 gboolean start(GstVideoDecoder* bdec) {
   auto* dec = GST_VIDRA_MJPEG_DEC(bdec);
   dec->out_width = dec->out_height = 0;
-  dec->guess_packetized = FALSE;
+  // Without caps (filesrc ! vidramjpegdec) the first buffer decides too.
+  gst_video_decoder_set_packetized(bdec, FALSE);
+  dec->guess_packetized = TRUE;
+  resetSplitter(dec);
   return TRUE;
 }
 
 gboolean stop(GstVideoDecoder* bdec) {
   auto* dec = GST_VIDRA_MJPEG_DEC(bdec);
   g_clear_pointer(&dec->input_state, gst_video_codec_state_unref);
+  resetSplitter(dec);
+  return TRUE;
+}
+
+// A flush (a seek) empties the adapter.
+gboolean flush(GstVideoDecoder* bdec) {
+  resetSplitter(GST_VIDRA_MJPEG_DEC(bdec));
   return TRUE;
 }
 
@@ -367,6 +449,7 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
 void finalize(GObject* object) {
   auto* dec = GST_VIDRA_MJPEG_DEC(object);
   g_clear_pointer(&dec->input_state, gst_video_codec_state_unref);
+  resetSplitter(dec);
   G_OBJECT_CLASS(gst_vidra_mjpeg_dec_parent_class)->finalize(object);
 }
 
@@ -408,6 +491,8 @@ static void gst_vidra_mjpeg_dec_class_init(GstVidraMjpegDecClass* klass) {
   decoder_class->stop = stop;
   decoder_class->set_format = setFormat;
   decoder_class->sink_event = sinkEvent;
+  decoder_class->flush = flush;
+  decoder_class->parse = parse;
   decoder_class->handle_frame = handleFrame;
   decoder_class->decide_allocation = decideAllocation;
 }
@@ -416,7 +501,6 @@ static void gst_vidra_mjpeg_dec_init(GstVidraMjpegDec* dec) {
   auto* bdec = GST_VIDEO_DECODER(dec);
   dec->fallback = kDefaultFallback;
   dec->output_failed = kDefaultOutputFailed;
-  gst_video_decoder_set_packetized(bdec, TRUE);
   gst_video_decoder_set_use_default_pad_acceptcaps(bdec, TRUE);
   GST_PAD_SET_ACCEPT_TEMPLATE(GST_VIDEO_DECODER_SINK_PAD(bdec));
   gst_pad_add_probe(GST_VIDEO_DECODER_SINK_PAD(bdec), GST_PAD_PROBE_TYPE_BUFFER, guessPacketized,

@@ -392,6 +392,90 @@ TEST(Stream, SizeChangeRenegotiates) {
   }
 }
 
+// ---- Byte streams ---------------------------------------------------------------------------
+
+struct ByteStreamCase {
+  const char* name;
+  std::vector<const char*> frames;  // the last one goes in without its EOI
+  size_t max_piece;                 // pieces of 1..max_piece bytes
+};
+
+class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
+
+// Frames with junk around them, cut from pieces: each frame comes out as soon as its EOI is in,
+// the last (without EOI) at the end of the stream.
+TEST_P(ByteStreams, AreCutIntoTheirFramesWhateverThePieces) {
+  const ByteStreamCase& c = GetParam();
+  const std::string junk = "junk\xFF\xD8\x00\xFF";  // an SOI without a marker behind it
+  std::vector<uint8_t> stream(junk.begin(), junk.end());
+  std::vector<Reference> refs;
+  std::vector<size_t> frame_ends;
+  for (size_t i = 0; i < c.frames.size(); ++i) {
+    std::vector<uint8_t> frame;
+    READ_OR_SKIP(c.frames[i], &frame);
+    if (i + 1 == c.frames.size()) frame.resize(frame.size() - 2);
+    refs.push_back(decodeReference(frame));
+    stream.insert(stream.end(), frame.begin(), frame.end());
+    frame_ends.push_back(stream.size());
+    if (i % 2 == 1) stream.insert(stream.end(), junk.begin(), junk.end());
+  }
+  Harness harness("image/jpeg");
+  GRand* rand = g_rand_new_with_seed(17);
+  size_t frames_done = 0;
+  for (size_t pos = 0; pos < stream.size();) {
+    const size_t size =
+        std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, c.max_piece + 1));
+    GstBuffer* piece = gst_buffer_new_memdup(stream.data() + pos, size);
+    ASSERT_EQ(gst_harness_push(harness.h, piece), GST_FLOW_OK);
+    pos += size;
+    while (frames_done + 1 < frame_ends.size() && frame_ends[frames_done] <= pos) ++frames_done;
+    ASSERT_EQ(gst_harness_buffers_received(harness.h), frames_done) << "at byte " << pos;
+  }
+  g_rand_free(rand);
+  gst_harness_push_event(harness.h, gst_event_new_eos());
+  ASSERT_EQ(gst_harness_buffers_received(harness.h), refs.size());
+  for (const Reference& ref : refs) {
+    // Sizes change, and no video meta was offered: the buffers have the default layout.
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, GST_VIDEO_FORMAT_I420, ref.width, ref.height);
+    GstBuffer* out = gst_harness_pull(harness.h);
+    expectPicture(out, info, ref);
+    gst_buffer_unref(out);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pieces, ByteStreams,
+    testing::Values(ByteStreamCase{"OneByte",
+                                   {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
+                                    "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"},
+                                   1},
+                    ByteStreamCase{"RandomSizes",
+                                   {"webcam-480p/again-00.jpg", "webcam-480p/again-01.jpg",
+                                    "webcam-720p/book-02.jpg", "streams/odd-641x481.jpg",
+                                    "webcam-480p/book-05.jpg"},
+                                   9000}),
+    [](const testing::TestParamInfo<ByteStreamCase>& info) {
+      return std::string(info.param.name);
+    });
+
+// Timestamped frames without parsed=true, as a demuxer sends them, are decoded one per
+// buffer: a frame without EOI comes out at once, with its timestamp.
+TEST(Stream, TimestampedFramesArePacketized) {
+  std::vector<uint8_t> frame;
+  READ_OR_SKIP("webcam-480p/again-02.jpg", &frame);
+  std::vector<uint8_t> no_eoi(frame.begin(), frame.end() - 2);
+  Harness harness("image/jpeg");
+  ASSERT_EQ(gst_harness_push(harness.h, bufferOf(frame, 0)), GST_FLOW_OK);
+  ASSERT_EQ(gst_harness_push(harness.h, bufferOf(no_eoi, 40 * GST_MSECOND)), GST_FLOW_OK);
+  ASSERT_EQ(gst_harness_buffers_received(harness.h), 2u);
+  for (GstClockTime pts : {GstClockTime{0}, GstClockTime{40 * GST_MSECOND}}) {
+    GstBuffer* out = gst_harness_pull(harness.h);
+    EXPECT_EQ(GST_BUFFER_PTS(out), pts);
+    gst_buffer_unref(out);
+  }
+}
+
 TEST(Stream, AddsNoLatency) {
   Harness harness;
   EXPECT_EQ(gst_harness_query_latency(harness.h), 0u);
