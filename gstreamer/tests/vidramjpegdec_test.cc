@@ -156,6 +156,8 @@ struct PictureCase {
   bool needs_fallback;  // the library's own decoder refuses it
 };
 
+void PrintTo(const PictureCase& c, std::ostream* os) { *os << c.frame; }
+
 class Pictures : public testing::TestWithParam<PictureCase> {};
 
 TEST_P(Pictures, EqualTheLibrarysAndNeedTheFallbackWhereTheOwnDecoderRefuses) {
@@ -229,6 +231,8 @@ GstPadProbeReturn offerPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
 }
 
 enum class Downstream { kNoVideoMeta, kVideoMeta, kPaddedPool };
+
+void PrintTo(Downstream d, std::ostream* os) { *os << static_cast<int>(d); }
 
 class Layouts : public testing::TestWithParam<Downstream> {};
 
@@ -336,6 +340,8 @@ struct BadFrameCase {
   bool error_message;
 };
 
+void PrintTo(const BadFrameCase& c, std::ostream* os) { *os << c.frame; }
+
 class BadFrames : public testing::TestWithParam<BadFrameCase> {};
 
 TEST_P(BadFrames, AreDroppedWithQosOrErrorsOrSentOnFlagged) {
@@ -399,6 +405,8 @@ struct ByteStreamCase {
   std::vector<const char*> frames;  // the last one goes in without its EOI
   size_t max_piece;                 // pieces of 1..max_piece bytes
 };
+
+void PrintTo(const ByteStreamCase& c, std::ostream* os) { *os << c.name; }
 
 class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
 
