@@ -8,6 +8,7 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -482,6 +483,21 @@ TEST(Stream, TimestampedFramesArePacketized) {
     EXPECT_EQ(GST_BUFFER_PTS(out), pts);
     gst_buffer_unref(out);
   }
+}
+
+// A damaged header may claim up to 65535 x 65535: refused before any caps or buffer of that
+// size exist.
+TEST(Stream, FrameLargerThanItsDataIsRefusedBeforeNegotiating) {
+  std::vector<uint8_t> frame;
+  READ_OR_SKIP("reftest/jpg-size-1x1.jpg", &frame);
+  const uint8_t sof0[] = {0xFF, 0xC0};
+  auto sof = std::search(frame.begin(), frame.end(), sof0, sof0 + 2);
+  ASSERT_LT(sof + 9, frame.end());
+  std::fill(sof + 5, sof + 9, 0xFF);  // height and width
+  Harness harness;
+  EXPECT_EQ(gst_harness_push(harness.h, bufferOf(frame)), GST_FLOW_OK);
+  EXPECT_EQ(gst_harness_buffers_received(harness.h), 0u);
+  EXPECT_EQ(gst_pad_get_current_caps(harness.h->sinkpad), nullptr);
 }
 
 TEST(Stream, AddsNoLatency) {
