@@ -30,6 +30,14 @@ ff -i "$frame" "$out/frame.ppm"
 cjpeg -sample 2x2 -quality 85 "$out/frame.ppm" >"$out/cjpeg-420.jpg"
 rm "$out/frame.ppm"
 
+# A header that claims 65535 x 65535 for a frame of 288 bytes.
+tiny="$corpus/reftest/jpg-size-1x1.jpg"
+if [ -f "$tiny" ]; then
+  sof=$(LC_ALL=C grep -obUaP '\xFF\xC0' "$tiny" | head -n1 | cut -d: -f1)
+  cp "$tiny" "$out/huge-header.jpg"
+  printf '\xFF\xFF\xFF\xFF' | dd of="$out/huge-header.jpg" bs=1 seek=$((sof + 5)) conv=notrunc status=none
+fi
+
 # Raw MJPEG streams (frames back to back) and an AVI of the 480p frames.
 for size in 480p 720p; do
   cat "$corpus/webcam-$size"/*.jpg >"$out/webcam-$size.mjpeg"
