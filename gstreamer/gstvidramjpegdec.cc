@@ -15,6 +15,7 @@
 #include <new>
 
 #include "vidra/mjpeg.h"
+#include "vidra/mjpeg_c.h"
 #include "vidra/splitter.h"
 
 GST_DEBUG_CATEGORY(gst_vidra_mjpeg_dec_debug);
@@ -152,8 +153,7 @@ void attachDamageMeta(GstBuffer* buffer, const char* status, const vj::FrameRepo
 }
 
 // Decodes one mapped frame into a newly allocated output buffer.
-GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const GstMapInfo& in,
-                         vj::FrameReport* report) {
+GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const GstMapInfo& in) {
   auto* bdec = GST_VIDEO_DECODER(dec);
   vj::FrameHeader header;
   if (!vj::readFrameHeader(in.data, in.size, &header) || header.width < 1 || header.height < 1) {
@@ -185,6 +185,7 @@ GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const
   }
 
   vj::DecodeOptions options;
+  vj::FrameReport report;
   GST_OBJECT_LOCK(dec);
   options.fallback = dec->fallback;
   const gboolean output_failed = dec->output_failed;
@@ -195,34 +196,34 @@ GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const
                   static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&out, 1)),
                   GST_VIDEO_FRAME_PLANE_STRIDE(&out, 1),
                   static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&out, 2)),
-                  GST_VIDEO_FRAME_PLANE_STRIDE(&out, 2), options, report);
-  if (report->status != vj::FrameStatus::kRefused) completeChroma(&out, width, height);
+                  GST_VIDEO_FRAME_PLANE_STRIDE(&out, 2), options, &report);
+  if (report.status != vj::FrameStatus::kRefused) completeChroma(&out, width, height);
   gst_video_frame_unmap(&out);
 
-  GST_LOG_OBJECT(dec, "%dx%d frame: status %d, path %s, %d of %d MCUs", width, height,
-                 static_cast<int>(report->status), pathName(report->path), report->valid_mcus,
-                 report->total_mcus);
-  switch (report->status) {
+  GST_LOG_OBJECT(dec, "%dx%d frame %s, path %s, %d of %d MCUs", width, height,
+                 vidra_mjpeg_status_name(static_cast<int32_t>(report.status)),
+                 pathName(report.path), report.valid_mcus, report.total_mcus);
+  switch (report.status) {
     case vj::FrameStatus::kClean:
       break;
     case vj::FrameStatus::kConcealed:
       GST_VIDEO_CODEC_FRAME_FLAG_SET(frame, GST_VIDEO_CODEC_FRAME_FLAG_CORRUPTED);
-      attachDamageMeta(frame->output_buffer, "concealed", *report);
+      attachDamageMeta(frame->output_buffer, "concealed", report);
       break;
     case vj::FrameStatus::kFailed: {
       if (!output_failed) {
         gchar* detail =
-            g_strdup_printf("%d of %d MCUs decoded", report->valid_mcus, report->total_mcus);
+            g_strdup_printf("%d of %d MCUs decoded", report.valid_mcus, report.total_mcus);
         ret = dropWithError(dec, frame, "Frame too damaged to show", detail);
         g_free(detail);
         return ret;
       }
       GST_VIDEO_CODEC_FRAME_FLAG_SET(frame, GST_VIDEO_CODEC_FRAME_FLAG_CORRUPTED);
-      attachDamageMeta(frame->output_buffer, "failed", *report);
+      attachDamageMeta(frame->output_buffer, "failed", report);
       break;
     }
     case vj::FrameStatus::kRefused:
-      return dropWithError(dec, frame, "Frame refused", vj::refusalReasonText(report->reason));
+      return dropWithError(dec, frame, "Frame refused", vj::refusalReasonText(report.reason));
   }
   if (GST_BUFFER_FLAG_IS_SET(frame->input_buffer, GST_BUFFER_FLAG_CORRUPTED)) {
     GST_VIDEO_CODEC_FRAME_FLAG_SET(frame, GST_VIDEO_CODEC_FRAME_FLAG_CORRUPTED);
@@ -294,8 +295,7 @@ GstFlowReturn handleFrame(GstVideoDecoder* bdec, GstVideoCodecFrame* frame) {
   GstMapInfo in;
   GstFlowReturn ret;
   if (gst_buffer_map(input, &in, GST_MAP_READ)) {
-    vj::FrameReport report;
-    ret = decodeInto(dec, frame, in, &report);
+    ret = decodeInto(dec, frame, in);
     gst_buffer_unmap(input, &in);
   } else {
     ret = dropWithError(dec, frame, "Could not map the input buffer", "mapping failed");
