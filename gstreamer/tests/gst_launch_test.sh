@@ -13,32 +13,30 @@ unset GST_DEBUG
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Runs the pipeline into a fakesink and checks how many buffers reached it.
-expect_frames() {
-  local name=$1 expected=$2 frames
-  shift 2
-  frames=$(gst-launch-1.0 -v "$@" ! fakesink silent=false 2>"$work/stderr" |
-    grep -c 'last-message = chain' || true)
-  if [ "$frames" != "$expected" ]; then
-    echo "FAIL $name: $frames frames, expected $expected"
+# Buffers that reach a fakesink at the end of the pipeline.
+count_frames() {
+  gst-launch-1.0 -v "$@" ! fakesink silent=false 2>"$work/stderr" |
+    grep -c 'last-message = chain' || true
+}
+
+check() {
+  if ! eval "[ $2 ]"; then
+    echo "FAIL $1 ($2)"
     cat "$work/stderr"
     exit 1
   fi
-  echo "ok   $name: $frames frames"
+  echo "ok   $1 ($2)"
 }
 
-expect_frames "AVI through avidemux" 12 \
-  filesrc location="$streams/webcam-480p.avi" ! avidemux ! vidramjpegdec
-expect_frames "raw MJPEG without a parser" 12 \
-  filesrc location="$streams/webcam-480p.mjpeg" ! vidramjpegdec
+frames=$(count_frames filesrc location="$streams/webcam-480p.avi" ! avidemux ! vidramjpegdec)
+check "AVI through avidemux" "$frames -eq 12"
+frames=$(count_frames filesrc location="$streams/webcam-480p.mjpeg" ! vidramjpegdec)
+check "raw MJPEG without a parser" "$frames -eq 12"
 
-# A frame that the library refuses is dropped; its reason goes to the debug log, not stderr.
+# Frames that the library refuses or can't show are dropped between good ones, and its
+# reasons go to the debug log, not stderr: a grey frame (refused by the own decoder without the
+# fallback; TurboJPEG decodes it) and a cut one (too damaged, or refused by TurboJPEG).
 cat "$corpus/webcam-480p/again-00.jpg" "$corpus/reftest/jpg-gray.jpg" \
-  "$corpus/webcam-480p/again-01.jpg" >"$work/refused.mjpeg"
-expect_frames "a refused frame between two good ones" 2 \
-  filesrc location="$work/refused.mjpeg" ! vidramjpegdec fallback=false
-if [ -s "$work/stderr" ]; then
-  echo "FAIL: the refusal reached stderr:"
-  cat "$work/stderr"
-  exit 1
-fi
+  "$corpus/damaged/trunc-again-00.jpg" "$corpus/webcam-480p/again-01.jpg" >"$work/bad.mjpeg"
+frames=$(count_frames filesrc location="$work/bad.mjpeg" ! vidramjpegdec fallback=false)
+check "bad frames between good ones" "$frames -ge 2 -a $frames -le 3 -a ! -s $work/stderr"

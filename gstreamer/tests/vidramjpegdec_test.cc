@@ -89,6 +89,20 @@ Reference decodeReference(const std::vector<uint8_t>& frame) {
   return ref;
 }
 
+// Whether the library's automatic choice is its own decoder (SSSE3 and SSE4.1 present and not
+// hidden by VIDRA_CPU_MASK). Else it is TurboJPEG, which conceals nothing and refuses a frame
+// without EOI, and the fallback has nothing to do.
+bool ownDecoderRuns() {
+  std::vector<uint8_t> frame;
+  return readFile("reftest/jpg-size-17x17.jpg", &frame) &&
+         decodeReference(frame).report.path == vj::DecodePath::kOwn;
+}
+
+bool shown(const Reference& ref) {
+  return ref.report.status == vj::FrameStatus::kClean ||
+         ref.report.status == vj::FrameStatus::kConcealed;
+}
+
 GstBuffer* bufferOf(const std::vector<uint8_t>& data, GstClockTime pts = 0) {
   GstBuffer* buffer = gst_buffer_new_memdup(data.data(), data.size());
   GST_BUFFER_PTS(buffer) = pts;
@@ -159,13 +173,18 @@ TEST_P(Pictures, EqualTheLibrarysAndNeedTheFallbackWhereTheOwnDecoderRefuses) {
   std::vector<uint8_t> data;
   READ_OR_SKIP(GetParam().frame, &data);
   const Reference ref = decodeReference(data);
+  if (ref.report.status == vj::FrameStatus::kRefused && !ownDecoderRuns()) {
+    GTEST_SKIP() << "TurboJPEG refuses it: " << vj::refusalReasonText(ref.report.reason);
+  }
   ASSERT_EQ(ref.report.status, vj::FrameStatus::kClean);
+  const bool refused_by_own = GetParam().needs_fallback && ownDecoderRuns();
+  EXPECT_EQ(ref.report.path == vj::DecodePath::kTurboFallback, refused_by_own);
   for (bool fallback : {true, false}) {
     Harness harness(fallback ? "fallback=true" : "fallback=false");
     ASSERT_EQ(gst_harness_push(harness.h, bufferOf(data)), GST_FLOW_OK);
     GstBuffer* out = gst_harness_try_pull(harness.h);
     if (!fallback) {
-      EXPECT_EQ(out == nullptr, GetParam().needs_fallback);
+      EXPECT_EQ(out == nullptr, refused_by_own);
     } else {
       ASSERT_NE(out, nullptr);
       GstCaps* caps = gst_pad_get_current_caps(harness.h->sinkpad);
@@ -263,6 +282,10 @@ INSTANTIATE_TEST_SUITE_P(Downstreams, Layouts,
 
 // ---- Damaged and refused frames ------------------------------------------------------------
 
+constexpr const char* kConcealed = "damaged/flip-again-00.jpg";  // a damaged restart span
+constexpr const char* kFailed = "damaged/trunc-again-00.jpg";    // a third of its data missing
+constexpr const char* kRefused = "reftest/rgb.jpg";
+
 struct OutcomeCase {
   const char* name;
   const char* frame;
@@ -280,6 +303,9 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   const OutcomeCase& c = GetParam();
   std::vector<uint8_t> data;
   READ_OR_SKIP(c.frame, &data);
+  if ((c.frame == kConcealed || c.frame == kFailed) && !ownDecoderRuns()) {
+    GTEST_SKIP() << "TurboJPEG decodes here, and conceals nothing";
+  }
   Harness harness(c.properties);
   GstBuffer* in = bufferOf(data);
   if (c.input_corrupted) GST_BUFFER_FLAG_SET(in, GST_BUFFER_FLAG_CORRUPTED);
@@ -308,10 +334,6 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   EXPECT_EQ(harness.count(GST_MESSAGE_QOS), c.qos);
   EXPECT_EQ(harness.count(GST_MESSAGE_ERROR), c.errors);
 }
-
-constexpr const char* kConcealed = "damaged/flip-again-00.jpg";  // a damaged restart span
-constexpr const char* kFailed = "damaged/trunc-again-00.jpg";    // a third of its data missing
-constexpr const char* kRefused = "reftest/rgb.jpg";
 
 INSTANTIATE_TEST_SUITE_P(
     Frames, Outcomes,
@@ -346,37 +368,42 @@ void PrintTo(const ByteStreamCase& c, std::ostream* os) { *os << c.name; }
 class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
 
 // Frames with junk around them, in pieces and without timestamps: each frame comes out as soon
-// as its EOI is in (no latency), the last one (without EOI) at the end of the stream. Sizes
-// change from frame to frame: each picture needs buffers renegotiated for it.
+// as its EOI is in (no latency), the last one (without EOI) at the end of the stream, when its
+// decoder takes it. Sizes change from frame to frame: each picture needs buffers renegotiated
+// for it.
 TEST_P(ByteStreams, AreCutIntoTheirFramesWhateverThePieces) {
   const ByteStreamCase& c = GetParam();
   const std::string junk("junk\xFF\xD8\x00\xFF", 8);  // an SOI without a marker behind it
   std::vector<uint8_t> stream(junk.begin(), junk.end()), frame;
   std::vector<Reference> refs;
-  std::vector<size_t> frame_ends;
+  std::vector<size_t> pictures;
+  std::vector<size_t> frame_ends;  // and how many pictures have come out by then
   for (size_t i = 0; i < c.frames.size(); ++i) {
     READ_OR_SKIP(c.frames[i], &frame);
     if (i + 1 == c.frames.size()) frame.resize(frame.size() - 2);
     refs.push_back(decodeReference(frame));
     stream.insert(stream.end(), frame.begin(), frame.end());
     frame_ends.push_back(stream.size());
+    pictures.push_back((pictures.empty() ? 0 : pictures.back()) + shown(refs.back()));
     if (i % 2) stream.insert(stream.end(), junk.begin(), junk.end());
   }
   Harness harness("", "image/jpeg");
   GRand* rand = g_rand_new_with_seed(17);
-  for (size_t pos = 0, done = 0; pos < stream.size();) {
+  for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
     const size_t size =
         std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, c.max_piece + 1));
     ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)), GST_FLOW_OK);
     pos += size;
     while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
-    ASSERT_EQ(gst_harness_buffers_received(harness.h), done) << "at byte " << pos;
+    ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
+        << "at byte " << pos;
   }
   g_rand_free(rand);
   gst_harness_push_event(harness.h, gst_event_new_eos());
-  ASSERT_EQ(gst_harness_buffers_received(harness.h), refs.size());
-  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), 0);  // no frame was dropped
+  ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
+  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
   for (const Reference& ref : refs) {
+    if (!shown(ref)) continue;
     GstBuffer* out = gst_harness_pull(harness.h);
     expectPicture(out, ref);
     gst_buffer_unref(out);
@@ -403,6 +430,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Stream, TimestampedFramesArePacketized) {
   std::vector<uint8_t> frame;
   READ_OR_SKIP("webcam-480p/again-02.jpg", &frame);
+  if (!ownDecoderRuns()) GTEST_SKIP() << "TurboJPEG decodes here, and refuses a frame without EOI";
   const std::vector<uint8_t> no_eoi(frame.begin(), frame.end() - 2);
   Harness harness("", "image/jpeg");
   EXPECT_EQ(gst_harness_query_latency(harness.h), 0u);
