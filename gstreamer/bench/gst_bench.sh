@@ -9,7 +9,7 @@
 #   gstreamer/bench/gst_bench.sh [BUILD_DIR] [REPEAT] [RUNS]
 #     BUILD_DIR  build tree with the plugin (default build/default)
 #     REPEAT     each stream is the folder's frames REPEAT times over (default 40)
-#     RUNS       runs per pipeline (default 3)
+#     RUNS       runs per pipeline, taking turns (default 3)
 #
 # Needs gstreamer1.0-tools, -plugins-good (jpegdec), -plugins-bad (jpegparse), -libav.
 set -euo pipefail
@@ -36,17 +36,8 @@ run_seconds() {
     awk '{ printf "%.6f\n", $1 * 3600 + $2 * 60 + $3 }'
 }
 
-best_seconds() {
-  local best="" t
-  for _ in $(seq "$runs"); do
-    t=$(run_seconds "$@")
-    [ -n "$t" ] || { echo "pipeline failed: $*" >&2; exit 1; }
-    if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN { exit !(a < b) }'; then best=$t; fi
-  done
-  echo "$best"
-}
-
-printf '%-12s %-30s %8s %10s %9s\n' stream decoder frames frames/s "x jpegdec"
+decoders=(jpegdec vidramjpegdec avdec_mjpeg "vidramjpegdec, no jpegparse")
+printf '%-12s %-28s %7s %9s %9s\n' stream decoder frames frames/s "x jpegdec"
 for folder in webcam-480p webcam-720p; do
   stream="$work/$folder.mjpeg"
   frames=0
@@ -56,16 +47,26 @@ for folder in webcam-480p webcam-720p; do
       frames=$((frames + 1))
     done
   done
-  declare -A fps=()
-  for decoder in jpegdec vidramjpegdec avdec_mjpeg "vidramjpegdec (no jpegparse)"; do
-    if [ "$decoder" = "vidramjpegdec (no jpegparse)" ]; then
-      t=$(best_seconds filesrc location="$stream" ! vidramjpegdec)
-    else
-      t=$(best_seconds filesrc location="$stream" ! jpegparse ! $decoder)
-    fi
-    fps[$decoder]=$(awk -v n="$frames" -v t="$t" 'BEGIN { printf "%.1f", n / t }')
-    printf '%-12s %-30s %8d %10s %9s\n' "$folder" "$decoder" "$frames" "${fps[$decoder]}" \
-      "$(awk -v a="${fps[$decoder]}" -v b="${fps[jpegdec]}" 'BEGIN { printf "%.2f", a / b }')"
+  # Decoders take turns, run after run, so that a machine that gets busier or quieter meanwhile
+  # favours none of them; each keeps its best run.
+  declare -A best=()
+  for _ in $(seq "$runs"); do
+    for decoder in "${decoders[@]}"; do
+      if [ "$decoder" = "vidramjpegdec, no jpegparse" ]; then
+        t=$(run_seconds filesrc location="$stream" ! vidramjpegdec)
+      else
+        t=$(run_seconds filesrc location="$stream" ! jpegparse ! $decoder)
+      fi
+      [ -n "$t" ] || { echo "pipeline failed: $decoder" >&2; exit 1; }
+      if [ -z "${best[$decoder]:-}" ] || awk -v a="$t" -v b="${best[$decoder]}" 'BEGIN { exit !(a < b) }'; then
+        best[$decoder]=$t
+      fi
+    done
   done
-  unset fps
+  for decoder in "${decoders[@]}"; do
+    printf '%-12s %-28s %7d %9.1f %9.2f\n' "$folder" "$decoder" "$frames" \
+      "$(awk -v n="$frames" -v t="${best[$decoder]}" 'BEGIN { print n / t }')" \
+      "$(awk -v a="${best[jpegdec]}" -v b="${best[$decoder]}" 'BEGIN { print a / b }')"
+  done
+  unset best
 done
