@@ -377,6 +377,9 @@ gboolean stop(GstVideoDecoder* bdec) {
   return TRUE;
 }
 
+// Frames are decoded as they come: nothing waits in the element at a drain.
+GstFlowReturn drain(GstVideoDecoder*) { return GST_FLOW_OK; }
+
 // A flush (a seek) empties the adapter.
 gboolean flush(GstVideoDecoder* bdec) {
   resetSplitter(GST_VIDRA_MJPEG_DEC(bdec));
@@ -491,6 +494,7 @@ static void gst_vidra_mjpeg_dec_class_init(GstVidraMjpegDecClass* klass) {
   decoder_class->stop = stop;
   decoder_class->set_format = setFormat;
   decoder_class->sink_event = sinkEvent;
+  decoder_class->drain = drain;
   decoder_class->flush = flush;
   decoder_class->parse = parse;
   decoder_class->handle_frame = handleFrame;
