@@ -20,16 +20,16 @@
 #include <utility>
 #include <vector>
 
-#include "cli.h"
-#include "damage.h"
-#include "demo_scene.h"
-#include "image.h"
-#include "input.h"
-#include "jpeg_headers.h"
-#include "png_writer.h"
+#include "cli/cli.h"
+#include "demo/damage.h"
+#include "demo/demo_scene.h"
+#include "output/image.h"
+#include "input/frame_reader.h"
+#include "input/jpeg_headers.h"
+#include "output/png_writer.h"
 #include "support/test_support.h"
 #include "tool/tool_test_support.h"
-#include "webcam_encoder.h"
+#include "demo/webcam_encoder.h"
 
 namespace vidra {
 namespace test {

@@ -11,13 +11,13 @@
 #include <thread>
 #include <vector>
 
-#include "bench_decoders.h"
-#include "cli.h"
-#include "commands.h"
-#include "decoding.h"
-#include "input.h"
-#include "jpeg_headers.h"
-#include "library_log.h"
+#include "bench/bench_decoders.h"
+#include "cli/cli.h"
+#include "commands/commands.h"
+#include "decoding/decoding.h"
+#include "input/frame_reader.h"
+#include "input/jpeg_headers.h"
+#include "decoding/library_log.h"
 #include "vidra/cpu_info.h"
 #include "vidra/mjpeg.h"
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "image.h"
+#include "output/image.h"
 
 namespace vidra {
 namespace tool {

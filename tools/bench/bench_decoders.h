@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "image.h"
+#include "output/image.h"
 
 namespace vidra {
 namespace tool {

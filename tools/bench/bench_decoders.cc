@@ -1,4 +1,4 @@
-#include "bench_decoders.h"
+#include "bench/bench_decoders.h"
 
 #include <turbojpeg.h>
 

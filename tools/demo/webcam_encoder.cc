@@ -1,4 +1,4 @@
-#include "webcam_encoder.h"
+#include "demo/webcam_encoder.h"
 
 #include <csetjmp>
 #include <cstdlib>
@@ -10,8 +10,8 @@
 #include <jpeglib.h>
 // clang-format on
 
-#include "cli.h"
-#include "jpeg_headers.h"
+#include "cli/cli.h"
+#include "input/jpeg_headers.h"
 
 namespace vidra {
 namespace tool {

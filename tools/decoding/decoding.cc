@@ -1,4 +1,4 @@
-#include "decoding.h"
+#include "decoding/decoding.h"
 
 #include <chrono>
 

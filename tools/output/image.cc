@@ -1,4 +1,4 @@
-#include "image.h"
+#include "output/image.h"
 
 #include <algorithm>
 #include <cstring>

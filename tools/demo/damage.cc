@@ -1,8 +1,8 @@
-#include "damage.h"
+#include "demo/damage.h"
 
 #include <algorithm>
 
-#include "jpeg_headers.h"
+#include "input/jpeg_headers.h"
 
 namespace vidra {
 namespace tool {

@@ -1,9 +1,9 @@
-#include "contact_sheet.h"
+#include "demo/contact_sheet.h"
 
 #include <algorithm>
 #include <cstdlib>
 
-#include "demo_scene.h"
+#include "demo/demo_scene.h"
 
 namespace vidra {
 namespace tool {

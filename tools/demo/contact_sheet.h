@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "image.h"
+#include "output/image.h"
 
 namespace vidra {
 namespace tool {

@@ -1,4 +1,4 @@
-#include "library_log.h"
+#include "decoding/library_log.h"
 
 #include <cstdio>
 

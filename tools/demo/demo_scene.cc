@@ -1,4 +1,4 @@
-#include "demo_scene.h"
+#include "demo/demo_scene.h"
 
 #include <algorithm>
 #include <cmath>

@@ -13,17 +13,17 @@
 #include <string>
 #include <vector>
 
-#include "cli.h"
-#include "commands.h"
-#include "contact_sheet.h"
-#include "damage.h"
-#include "decoding.h"
-#include "demo_scene.h"
-#include "library_log.h"
-#include "png_writer.h"
+#include "cli/cli.h"
+#include "commands/commands.h"
+#include "demo/contact_sheet.h"
+#include "demo/damage.h"
+#include "decoding/decoding.h"
+#include "demo/demo_scene.h"
+#include "decoding/library_log.h"
+#include "output/png_writer.h"
 #include "vidra/mjpeg.h"
-#include "webcam_encoder.h"
-#include "y4m.h"
+#include "demo/webcam_encoder.h"
+#include "output/video_writer.h"
 
 namespace vidra {
 namespace tool {

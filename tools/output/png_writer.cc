@@ -1,4 +1,4 @@
-#include "png_writer.h"
+#include "output/png_writer.h"
 
 #include <png.h>
 
@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "cli.h"
+#include "cli/cli.h"
 
 namespace vidra {
 namespace tool {

@@ -1,4 +1,4 @@
-#include "jpeg_headers.h"
+#include "input/jpeg_headers.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "image.h"
+#include "output/image.h"
 
 namespace vidra {
 namespace tool {

@@ -15,16 +15,16 @@
 #include <utility>
 #include <vector>
 
-#include "cli.h"
-#include "commands.h"
-#include "decoding.h"
-#include "input.h"
-#include "jpeg_headers.h"
-#include "library_log.h"
-#include "png_writer.h"
-#include "progress.h"
+#include "cli/cli.h"
+#include "commands/commands.h"
+#include "decoding/decoding.h"
+#include "input/frame_reader.h"
+#include "input/jpeg_headers.h"
+#include "decoding/library_log.h"
+#include "output/png_writer.h"
+#include "cli/progress.h"
 #include "vidra/mjpeg.h"
-#include "y4m.h"
+#include "output/video_writer.h"
 
 namespace vidra {
 namespace tool {

@@ -1,4 +1,4 @@
-#include "input.h"
+#include "input/frame_reader.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,9 +13,9 @@
 #include <map>
 #include <utility>
 
-#include "cli.h"
-#include "decoding.h"
-#include "jpeg_headers.h"
+#include "cli/cli.h"
+#include "decoding/decoding.h"
+#include "input/jpeg_headers.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "image.h"
+#include "output/image.h"
 
 namespace vidra {
 namespace tool {

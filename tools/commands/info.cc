@@ -6,10 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "cli.h"
-#include "commands.h"
-#include "input.h"
-#include "jpeg_headers.h"
+#include "cli/cli.h"
+#include "commands/commands.h"
+#include "input/frame_reader.h"
+#include "input/jpeg_headers.h"
 
 namespace vidra {
 namespace tool {

@@ -1,11 +1,11 @@
-#include "y4m.h"
+#include "output/video_writer.h"
 
 #include <sys/stat.h>
 
 #include <cctype>
 #include <cerrno>
 
-#include "cli.h"
+#include "cli/cli.h"
 
 namespace vidra {
 namespace tool {
