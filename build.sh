@@ -2,15 +2,16 @@
 # One entry point for people and CI.
 #   ./build.sh demo   install what is missing, build, and run the built-in demo
 #   ./build.sh test   install what is missing, build, and run the whole test suite three times:
-#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden; then the
-#                     concurrency test under ThreadSanitizer and a 60 s fuzzing run
+#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden; build the
+#                     Release configuration; then the concurrency tests under ThreadSanitizer
+#                     and a 60 s fuzzing run
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev)
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick)
 
 install_deps() {
   local missing=()
@@ -53,8 +54,10 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
+    echo "== Release build (-O3, warnings as errors) =="
+    build release
     build tsan
-    echo "== concurrent decodes under ThreadSanitizer =="
+    echo "== concurrent decodes, refusals, concealment and fallback under ThreadSanitizer =="
     TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/hardening_test --gtest_filter='*Concurrent*'
     build fuzz
     echo "== fuzzing both decoder paths for 60 s =="

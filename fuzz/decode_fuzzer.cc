@@ -1,4 +1,5 @@
-// Feeds arbitrary bytes to both decoder paths and to the size query.
+// Feeds arbitrary bytes to both decoder paths, the size query, the reporting entry point and
+// the header reader.
 //
 // The input is copied into a heap buffer of exactly its size, so that a read one byte past the
 // end is caught, and the planes are as large as the frame claims (capped, so that a hostile
@@ -52,5 +53,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   vidra::jpeg::setForceJPEGTurboDecoder(false);
+
+  // The reporting entry point on each decoder, with and without the fallback, and the header
+  // reader.
+  vidra::jpeg::FrameHeader header;
+  vidra::jpeg::readFrameHeader(frame.get(), size, &header);
+  for (auto decoder : {vidra::jpeg::Decoder::kOwn, vidra::jpeg::Decoder::kTurbo}) {
+    for (bool fallback : {false, true}) {
+      if (decoder == vidra::jpeg::Decoder::kTurbo && fallback) continue;
+      vidra::jpeg::DecodeOptions options;
+      options.decoder = decoder;
+      options.fallback = fallback;
+      vidra::jpeg::FrameReport report;
+      vidra::jpeg::decodeFrame(frame.get(), size, width, height, y.data(), width, u.data(),
+                               width / 2, v.data(), width / 2, options, &report);
+    }
+  }
   return 0;
 }

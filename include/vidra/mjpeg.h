@@ -22,11 +22,24 @@ namespace jpeg {
 
 // Decodes the frame `data` (`size` bytes, starting at its SOI marker) into `y` (`width` x
 // `height` samples) and `u`, `v` (`width` / 2 x `height` / 2 samples, rounding down), each
-// plane with its own stride in bytes. Frames in 4:2:0, 4:2:2 and 4:4:4 arrive as 4:2:0; other
-// three-component layouts (4:4:0, 4:1:1) arrive as their luma with neutral (0x80) chroma.
-// Grey (one-component) frames are refused by the library's own decoder; only the TurboJPEG path
-// (a processor without SSSE3/SSE4.1, or setForceJPEGTurboDecoder(true)) decodes them, as luma
-// with neutral chroma.
+// plane with its own stride in bytes.
+//
+// Planes: each plane is `stride` x `rows` bytes (`height` rows of luma, `height` / 2 of chroma),
+// and the library may write all of those bytes: with a stride equal to its own plane's row the
+// whole block is copied, and neutral chroma fills whole strides. So don't decode into a
+// sub-rectangle of a larger picture; decode into planes of their own and copy. A negative
+// stride (a bottom-up plane, `y` pointing at the top row) is written row by row.
+//
+// Which decoder runs: the library's own decoder on processors with SSSE3 and SSE4.1, unless
+// setForceJPEGTurboDecoder(true); else the TurboJPEG path. A refusal on one path never falls
+// over to the other (decodeFrame() below has an opt-in fallback).
+// - The own decoder takes baseline Huffman frames (SOF0) with components 1, 2 and 3, component
+//   2 sampled 1x1 and 3 one sample wide, at most ten blocks per MCU. Luma 1x1 (4:4:4), 2x1
+//   (4:2:2 as cameras send it) and 2x2 (4:2:0) arrive as 4:2:0; other luma factors (4:4:0,
+//   4:1:1) as luma with neutral (0x80) chroma. It refuses grey frames, FFmpeg's 4:2:2 and 4:4:4
+//   (chroma sampled 1x2), progressive, extended, arithmetic and lossless frames.
+// - The TurboJPEG path takes what libjpeg-turbo decodes: 4:2:0, 4:2:2 and 4:4:4 arrive as
+//   4:2:0; grey, 4:4:0 and 4:1:1 as luma with neutral chroma.
 //
 // `insert_dht`: the frame may lack Huffman tables, as many MJPEG cameras send them; the
 // TurboJPEG path then needs the default tables put in front. The library's own decoder finds
@@ -35,13 +48,16 @@ namespace jpeg {
 // Returns false when the frame was refused (its header doesn't match `width` x `height`, it
 // isn't baseline JPEG, ...) or when too few of its MCUs survived damage: a damaged frame is
 // concealed and still written to the planes, and it counts as good only when strictly more
-// than 80% of its MCUs decoded cleanly. Reasons are logged on channel "mjpeg" at level 2.
+// than 80% of its MCUs decoded cleanly. Reasons are logged on channel "mjpeg" at level 2, but
+// for the own decoder's "Unhandled JPEG marker" (a progressive frame, for one), logged at
+// level 3 and so silent by default.
 VIDRA_MJPEG_EXPORT bool decompressMJPEG(const uint8_t* data, size_t size, int width, int height,
                                         bool insert_dht, uint8_t* y, int y_stride, uint8_t* u,
                                         int u_stride, uint8_t* v, int v_stride);
 
-// Reads the frame's dimensions from its header (through TurboJPEG). Returns false and logs
-// the reason when the header can't be read.
+// Reads the frame's dimensions from its header through TurboJPEG (whichever decoder would run),
+// so it answers for any frame that libjpeg-turbo can read. Returns false and logs the reason
+// when the header can't be read; a frame cut inside its tables may give true with 0 x 0.
 VIDRA_MJPEG_EXPORT bool getJPEGImageSize(const uint8_t* data, size_t size, int* width, int* height);
 
 // true: decode every following frame with TurboJPEG instead of the library's own decoder.

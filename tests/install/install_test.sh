@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build into a temporary prefix and builds the README's host-application example
-# against it, through pkg-config and through the CMake package config, then decodes a frame
-# with it.
+# against it, through pkg-config and through the CMake package config, and the C interface's
+# test as a C11 program through pkg-config; then decodes a frame with each.
 set -euo pipefail
 build_dir="$1"
 source_dir="$(cd "$(dirname "$0")" && pwd)"
@@ -22,12 +22,17 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 -Wall -Wextra -Werror "$work/src/consumer.cc" -o "$work/consumer-pc" \
   $(pkg-config --cflags --libs vidra-mjpeg)
 
+# The C interface from a C11 program.
+cc -std=c11 -Wall -Wextra -Werror -pedantic "$source_dir/../c/c_api_test.c" -o "$work/c-consumer" \
+  $(pkg-config --cflags --libs vidra-mjpeg)
+
 cmake -S "$work/src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 
 if [ -n "$frame" ] && [ -f "$frame" ]; then
   LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" "$frame"
   LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer" "$frame"
+  LD_LIBRARY_PATH="$libdir" "$work/c-consumer" "$frame"
 else
   echo "no frame to decode (corpus absent): built only"
 fi

@@ -1,0 +1,165 @@
+// The C interface: a thin layer over the public C++ interface, converting the plain structs
+// and integer constants of vidra/mjpeg_c.h field by field.
+
+#include "vidra/mjpeg_c.h"
+
+#include <cstring>
+#include <mutex>
+
+#include "vidra/log.h"
+#include "vidra/mjpeg.h"
+
+namespace {
+
+using vidra::jpeg::DecodeOptions;
+using vidra::jpeg::FrameHeader;
+using vidra::jpeg::FrameReport;
+
+void toC(const FrameHeader& from, vidra_mjpeg_header* to) {
+  std::memset(to, 0, sizeof(*to));
+  to->width = from.width;
+  to->height = from.height;
+  to->precision = from.precision;
+  to->components = from.components;
+  std::memcpy(to->component_ids, from.component_ids, sizeof(to->component_ids));
+  std::memcpy(to->h_factors, from.h_factors, sizeof(to->h_factors));
+  std::memcpy(to->v_factors, from.v_factors, sizeof(to->v_factors));
+  to->sof_marker = from.sof_marker;
+  to->progressive = from.progressive;
+  to->arithmetic = from.arithmetic;
+  to->lossless = from.lossless;
+  to->colour_space = static_cast<int32_t>(from.colour_space);
+  to->subsampling = static_cast<int32_t>(from.subsampling);
+  to->restart_interval = from.restart_interval;
+  to->has_dht = from.has_dht;
+  to->has_scan = from.has_scan;
+}
+
+// The C constants are the C++ enumerators' values; a mismatch would be an ABI break.
+static_assert(VIDRA_MJPEG_STATUS_REFUSED == static_cast<int>(vidra::jpeg::FrameStatus::kRefused));
+static_assert(VIDRA_MJPEG_PATH_TURBO_FALLBACK ==
+              static_cast<int>(vidra::jpeg::DecodePath::kTurboFallback));
+static_assert(VIDRA_MJPEG_REASON_TURBO_ERROR ==
+              static_cast<int>(vidra::jpeg::RefusalReason::kTurboError));
+static_assert(VIDRA_MJPEG_COLOUR_YCCK == static_cast<int>(vidra::jpeg::ColourSpace::kYCCK));
+static_assert(VIDRA_MJPEG_SUBSAMPLING_GREY == static_cast<int>(vidra::jpeg::Subsampling::kGrey));
+static_assert(VIDRA_MJPEG_DECODER_TURBO == static_cast<int>(vidra::jpeg::Decoder::kTurbo));
+
+struct SinkTarget {
+  vidra_mjpeg_log_sink sink;
+  void* user;
+};
+SinkTarget g_sink_target;
+std::mutex g_sink_setter_mutex;  // one vidra_mjpeg_set_log_sink() at a time
+
+// Runs under the logging library's emission lock, which setLogSink() also takes, so the target
+// read here is the one installed with it.
+void forwardLine(void* user, int level, const char* channel, const char* file, int line,
+                 const char* text) {
+  const SinkTarget* target = static_cast<const SinkTarget*>(user);
+  target->sink(target->user, level, channel, file, line, text);
+}
+
+}  // namespace
+
+extern "C" {
+
+const char* vidra_mjpeg_version(void) { return VIDRA_MJPEG_VERSION_STRING; }
+
+size_t vidra_mjpeg_i420_size(int32_t width, int32_t height) {
+  if (width < 1 || height < 1 || width > 65535 || height > 65535) return 0;
+  const size_t w = static_cast<size_t>(width), h = static_cast<size_t>(height);
+  return w * h + 2 * (w / 2) * (h / 2);
+}
+
+void vidra_mjpeg_options_init(vidra_mjpeg_options* options) {
+  if (options == nullptr) return;
+  const DecodeOptions defaults;
+  options->decoder = static_cast<int32_t>(defaults.decoder);
+  options->insert_dht = defaults.insert_dht;
+  options->fallback = defaults.fallback;
+}
+
+int vidra_mjpeg_read_header(const uint8_t* data, size_t size, vidra_mjpeg_header* header) {
+  if (header == nullptr) return 0;
+  FrameHeader parsed;
+  const bool found = vidra::jpeg::readFrameHeader(data, size, &parsed);
+  toC(parsed, header);
+  return found ? 1 : 0;
+}
+
+int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width, int32_t height, uint8_t* y,
+                       int32_t y_stride, uint8_t* u, int32_t u_stride, uint8_t* v, int32_t v_stride,
+                       const vidra_mjpeg_options* options, vidra_mjpeg_report* report) {
+  if (report == nullptr) return 0;
+  DecodeOptions cpp_options;
+  FrameReport cpp_report;
+  bool ok = false;
+  if (options != nullptr && (options->decoder < VIDRA_MJPEG_DECODER_AUTO ||
+                             options->decoder > VIDRA_MJPEG_DECODER_TURBO)) {
+    cpp_report.status = vidra::jpeg::FrameStatus::kRefused;
+    cpp_report.reason = vidra::jpeg::RefusalReason::kInvalidArgument;
+  } else {
+    if (options != nullptr) {
+      cpp_options.decoder = static_cast<vidra::jpeg::Decoder>(options->decoder);
+      cpp_options.insert_dht = options->insert_dht != 0;
+      cpp_options.fallback = options->fallback != 0;
+    }
+    ok = vidra::jpeg::decodeFrame(data, size, width, height, y, y_stride, u, u_stride, v, v_stride,
+                                  cpp_options, &cpp_report);
+  }
+  std::memset(report, 0, sizeof(*report));
+  report->status = static_cast<int32_t>(cpp_report.status);
+  report->path = static_cast<int32_t>(cpp_report.path);
+  report->reason = static_cast<int32_t>(cpp_report.reason);
+  report->total_mcus = cpp_report.total_mcus;
+  report->valid_mcus = cpp_report.valid_mcus;
+  toC(cpp_report.header, &report->header);
+  return ok ? 1 : 0;
+}
+
+const char* vidra_mjpeg_reason_text(int32_t reason) {
+  if (reason < VIDRA_MJPEG_REASON_NONE || reason > VIDRA_MJPEG_REASON_TURBO_ERROR) {
+    return "unknown reason";
+  }
+  return vidra::jpeg::refusalReasonText(static_cast<vidra::jpeg::RefusalReason>(reason));
+}
+
+const char* vidra_mjpeg_status_name(int32_t status) {
+  switch (status) {
+    case VIDRA_MJPEG_STATUS_CLEAN:
+      return "clean";
+    case VIDRA_MJPEG_STATUS_CONCEALED:
+      return "concealed";
+    case VIDRA_MJPEG_STATUS_FAILED:
+      return "failed";
+    case VIDRA_MJPEG_STATUS_REFUSED:
+      return "refused";
+    default:
+      return "unknown status";
+  }
+}
+
+void vidra_mjpeg_set_log_level(const char* channel, int32_t level) {
+  vidra::setLoggerLevel(channel, level);
+}
+
+void vidra_mjpeg_set_log_sink(vidra_mjpeg_log_sink sink, void* user) {
+  if (sink == nullptr) {
+    vidra::setLogSink(nullptr, nullptr);
+    return;
+  }
+  // The C sink's signature differs from the C++ one only in its integer types, so a small
+  // forwarder carries it. The forwarder is unhooked while its target changes: once
+  // setLogSink() returns, no line is being emitted through it.
+  std::lock_guard<std::mutex> lock(g_sink_setter_mutex);
+  vidra::setLogSink(nullptr, nullptr);
+  g_sink_target = SinkTarget{sink, user};
+  vidra::setLogSink(forwardLine, &g_sink_target);
+}
+
+void vidra_mjpeg_set_force_turbo(int32_t force) {
+  vidra::jpeg::setForceJPEGTurboDecoder(force != 0);
+}
+
+}  // extern "C"

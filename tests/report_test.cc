@@ -1,0 +1,420 @@
+// The frame report (decodeFrame) and the header reader (readFrameHeader).
+
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+#include "vidra/mjpeg.h"
+
+namespace vidra {
+namespace jpeg {
+namespace {
+
+// Sets the "mjpeg" and "check" channels quiet for a test's lifetime: refusals are expected.
+class QuietLog {
+ public:
+  QuietLog() : capture_(0, 0) {}
+
+ private:
+  test::LogCapture capture_;
+};
+
+struct Outcome {
+  bool ok = false;
+  FrameReport report;
+  test::Planes planes;
+  Outcome(int w, int h) : planes(w, h) {}
+};
+
+Outcome decode(const std::vector<uint8_t>& frame, int w, int h, DecodeOptions options = {}) {
+  Outcome out(w, h);
+  out.ok = decodeFrame(frame.data(), frame.size(), w, h, out.planes.y.data(), out.planes.y_stride,
+                       out.planes.u.data(), out.planes.uv_stride, out.planes.v.data(),
+                       out.planes.uv_stride, options, &out.report);
+  return out;
+}
+
+bool samePlanes(const test::Planes& a, const test::Planes& b) {
+  return a.y == b.y && a.u == b.u && a.v == b.v;
+}
+
+DecodeOptions withDecoder(Decoder decoder, bool fallback = false) {
+  DecodeOptions options;
+  options.decoder = decoder;
+  options.fallback = fallback;
+  return options;
+}
+
+// Frames that outside tools make, as cameras and encoders in the field do. Skips the test when
+// the tool is missing.
+class GeneratedFrames : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    char pattern[] = "/tmp/vidra-report-XXXXXX";
+    dir_ = mkdtemp(pattern) ? pattern : "";
+    run("ffmpeg -loglevel error -y -f lavfi -i testsrc2=size=320x240 -frames:v 1 " + dir_ +
+        "/src.ppm");
+  }
+  static void TearDownTestSuite() { run("rm -rf " + dir_); }
+
+  static bool run(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+  }
+
+  // The frame that `command` writes to `name` in the temporary folder ("$D" stands for it).
+  std::vector<uint8_t> make(const std::string& name, std::string command) {
+    for (size_t at; (at = command.find("$D")) != std::string::npos;) {
+      command.replace(at, 2, dir_);
+    }
+    const std::string path = dir_ + "/" + name;
+    if (access(path.c_str(), R_OK) != 0 && !run(command)) return {};
+    return test::readFile(path);
+  }
+
+  std::vector<uint8_t> ffmpeg(const std::string& pix_fmt) {
+    return make("ff-" + pix_fmt + ".jpg",
+                "ffmpeg -loglevel error -y -i $D/src.ppm -c:v mjpeg -pix_fmt " + pix_fmt +
+                    " -f mjpeg $D/ff-" + pix_fmt + ".jpg");
+  }
+  std::vector<uint8_t> cjpeg(const std::string& name, const std::string& flags) {
+    return make(name, "cjpeg " + flags + " -outfile $D/" + name + " $D/src.ppm");
+  }
+
+  static std::string dir_;
+};
+std::string GeneratedFrames::dir_;
+
+#define REQUIRE_FRAME(frame, tool) \
+  if ((frame).empty()) GTEST_SKIP() << tool << " is not available to make the frame"
+
+// FFmpeg's 4:2:2 and 4:4:4 (chroma factors 1x2), grey and progressive frames: the own decoder
+// refuses them, and the fallback decodes them exactly as the TurboJPEG path does.
+TEST_F(GeneratedFrames, FallbackDecodesWhatTheOwnDecoderRefuses) {
+  QuietLog quiet;
+  struct Case {
+    const char* name;
+    std::vector<uint8_t> frame;
+    RefusalReason own_reason;
+    Subsampling subsampling;
+  } cases[] = {
+      {"ffmpeg 4:2:2", ffmpeg("yuvj422p"), RefusalReason::kUnsupportedLayout, Subsampling::k422},
+      {"ffmpeg 4:4:4", ffmpeg("yuvj444p"), RefusalReason::kUnsupportedLayout, Subsampling::k444},
+      {"grey", cjpeg("grey.jpg", "-grayscale"), RefusalReason::kUnsupportedLayout,
+       Subsampling::kGrey},
+      {"progressive", cjpeg("progressive.jpg", "-progressive"), RefusalReason::kUnsupportedProcess,
+       Subsampling::k420},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    REQUIRE_FRAME(c.frame, "ffmpeg or cjpeg");
+    const Outcome turbo = decode(c.frame, 320, 240, withDecoder(Decoder::kTurbo));
+    ASSERT_TRUE(turbo.ok);
+    EXPECT_EQ(turbo.report.path, DecodePath::kTurbo);
+    EXPECT_EQ(turbo.report.header.subsampling, c.subsampling);
+
+    for (Decoder decoder : {Decoder::kOwn, Decoder::kAuto}) {
+      const Outcome refused = decode(c.frame, 320, 240, withDecoder(decoder));
+      if (decoder == Decoder::kAuto && refused.report.path == DecodePath::kTurbo) continue;
+      EXPECT_FALSE(refused.ok);
+      EXPECT_EQ(refused.report.status, FrameStatus::kRefused);
+      EXPECT_EQ(refused.report.reason, c.own_reason);
+      EXPECT_TRUE(samePlanes(refused.planes, test::Planes(320, 240))) << "planes touched";
+
+      const Outcome fallback = decode(c.frame, 320, 240, withDecoder(decoder, true));
+      EXPECT_TRUE(fallback.ok);
+      EXPECT_EQ(fallback.report.status, FrameStatus::kClean);
+      EXPECT_EQ(fallback.report.path, DecodePath::kTurboFallback);
+      EXPECT_EQ(fallback.report.reason, RefusalReason::kNone);
+      EXPECT_TRUE(samePlanes(fallback.planes, turbo.planes));
+    }
+  }
+}
+
+// Frames that are neither YCbCr nor grey are refused on both paths, fallback or not.
+TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
+  QuietLog quiet;
+  const std::vector<uint8_t> rgb = cjpeg("rgb.jpg", "-rgb");
+  const std::vector<uint8_t> cmyk =
+      make("cmyk.jpg", "convert $D/src.ppm -colorspace CMYK $D/cmyk.jpg");
+  REQUIRE_FRAME(rgb, "cjpeg");
+  REQUIRE_FRAME(cmyk, "ImageMagick's convert");
+  // libjpeg stores ImageMagick's CMYK as YCCK (Adobe transform 2).
+  for (const auto& [frame, colours] :
+       {std::pair(rgb, std::vector<ColourSpace>{ColourSpace::kRGB}),
+        std::pair(cmyk, std::vector<ColourSpace>{ColourSpace::kCMYK, ColourSpace::kYCCK})}) {
+    for (Decoder decoder : {Decoder::kOwn, Decoder::kTurbo}) {
+      const Outcome out = decode(frame, 320, 240, withDecoder(decoder, true));
+      EXPECT_FALSE(out.ok);
+      EXPECT_NE(std::find(colours.begin(), colours.end(), out.report.header.colour_space),
+                colours.end());
+      EXPECT_EQ(out.report.reason, RefusalReason::kUnsupportedColourSpace);
+      EXPECT_TRUE(samePlanes(out.planes, test::Planes(320, 240)));
+    }
+  }
+}
+
+// With the fallback off and the automatic choice, decodeFrame() is decompressMJPEG() for every
+// corpus frame, clean, damaged or quirky: the same result and the same planes (but for frames
+// in other colour spaces, which it refuses). The report
+// agrees with the result, and its MCU counts with the status.
+TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
+  QuietLog quiet;
+  int frames = 0, concealed = 0, failed = 0;
+  bool own_path = false;
+  for (const char* folder : {"webcam-480p", "webcam-720p", "damaged", "reftest"}) {
+    for (const std::string& path : test::corpusFiles(folder)) {
+      SCOPED_TRACE(path);
+      const std::vector<uint8_t> frame = test::readFile(path);
+      int w = 0, h = 0;
+      if (!getJPEGImageSize(frame.data(), frame.size(), &w, &h) || w <= 0 || h <= 0) continue;
+      test::Planes expected(w, h);
+      const bool expected_ok = decompressMJPEG(
+          frame.data(), frame.size(), w, h, true, expected.y.data(), expected.y_stride,
+          expected.u.data(), expected.uv_stride, expected.v.data(), expected.uv_stride);
+      const Outcome out = decode(frame, w, h);
+      ++frames;
+      own_path |= out.report.path == DecodePath::kOwn;
+      // Frames in other colour spaces are the one intended difference.
+      const ColourSpace colour = out.report.header.colour_space;
+      if (colour != ColourSpace::kYCbCr && colour != ColourSpace::kGrey) {
+        EXPECT_EQ(out.report.reason, RefusalReason::kUnsupportedColourSpace);
+        continue;
+      }
+      EXPECT_EQ(out.ok, expected_ok);
+      EXPECT_TRUE(samePlanes(out.planes, expected));
+      const FrameReport& r = out.report;
+      EXPECT_EQ(r.header.width, w);
+      EXPECT_EQ(r.header.height, h);
+      switch (r.status) {
+        case FrameStatus::kClean:
+          EXPECT_TRUE(out.ok);
+          if (r.path == DecodePath::kOwn) {
+            EXPECT_EQ(r.valid_mcus, r.total_mcus);
+          }
+          break;
+        case FrameStatus::kConcealed:
+          ++concealed;
+          EXPECT_TRUE(out.ok);
+          EXPECT_LT(r.valid_mcus, r.total_mcus);
+          EXPECT_GT(r.valid_mcus, r.total_mcus * 0.8);
+          break;
+        case FrameStatus::kFailed:
+          ++failed;
+          EXPECT_FALSE(out.ok);
+          EXPECT_LE(r.valid_mcus, r.total_mcus * 0.8);
+          break;
+        case FrameStatus::kRefused:
+          EXPECT_FALSE(out.ok);
+          EXPECT_NE(r.reason, RefusalReason::kNone);
+          EXPECT_TRUE(samePlanes(out.planes, test::Planes(w, h)));
+          break;
+      }
+      if (r.status != FrameStatus::kRefused) {
+        EXPECT_EQ(r.reason, RefusalReason::kNone);
+      }
+    }
+  }
+  if (frames == 0) GTEST_SKIP() << "corpus not found";
+  // The damaged folder holds frames of both kinds for the own decoder.
+  if (own_path && !test::corpusFiles("damaged").empty()) {
+    EXPECT_GT(concealed, 0);
+    EXPECT_GT(failed, 0);
+  }
+}
+
+// The report of each damaged and quirky corpus frame on the own decoder, with the fallback.
+TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
+  QuietLog quiet;
+  struct Case {
+    const char* file;
+    FrameStatus status;
+    DecodePath path;
+    int valid, total;  // MCUs
+    RefusalReason reason = RefusalReason::kNone;
+  } cases[] = {
+      {"damaged/flip-again-00.jpg", FrameStatus::kConcealed, DecodePath::kOwn, 2320, 2400},
+      {"damaged/flip-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/flip-again-02.jpg", FrameStatus::kClean, DecodePath::kOwn, 2400, 2400},
+      {"damaged/trunc-again-00.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1600, 2400},
+      {"damaged/trunc-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/trunc-again-02.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1520, 2400},
+      {"reftest/extraneous-data.jpg", FrameStatus::kClean, DecodePath::kOwn, 1, 1},
+      {"reftest/restarts.jpg", FrameStatus::kClean, DecodePath::kOwn, 25, 25},
+      {"reftest/jpg-gray.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/jpg-progressive.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/non-interleaved-mcu.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/rgb.jpg", FrameStatus::kRefused, DecodePath::kNone, 0, 0,
+       RefusalReason::kUnsupportedColourSpace},
+  };
+  if (test::corpusDir().empty()) GTEST_SKIP() << "corpus not found";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::vector<uint8_t> frame = test::readFile(test::corpusDir() + "/" + c.file);
+    FrameHeader header;
+    ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &header));
+    const Outcome out =
+        decode(frame, header.width, header.height, withDecoder(Decoder::kOwn, true));
+    EXPECT_EQ(out.report.status, c.status);
+    EXPECT_EQ(out.report.path, c.path);
+    EXPECT_EQ(out.report.valid_mcus, c.valid);
+    EXPECT_EQ(out.report.total_mcus, c.total);
+    EXPECT_EQ(out.report.reason, c.reason);
+  }
+}
+
+// One frame for each reason, on the path that gives it.
+TEST(FrameReportTest, RefusalReasons) {
+  QuietLog quiet;
+  const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
+  auto edited = [&](size_t at, std::vector<uint8_t> bytes) {
+    std::vector<uint8_t> frame = good;
+    for (size_t i = 0; i < bytes.size(); ++i) frame[at + i] = bytes[i];
+    return frame;
+  };
+  auto find = [&](uint8_t marker) {
+    for (size_t i = 2; i + 1 < good.size(); ++i) {
+      if (good[i] == 0xFF && good[i + 1] == marker) return i;
+    }
+    return size_t{0};
+  };
+  const size_t sof = find(0xC0), dht = find(0xC4), sos = find(0xDA);
+  ASSERT_TRUE(sof && dht && sos);
+  // A 4:4:4 frame header claiming 8000x8000 pixels ahead of a few bytes of scan.
+  std::vector<uint8_t> huge = test::encodeTestFrame(64, 48, TJSAMP_444);
+  for (size_t i = 2; i + 8 < huge.size(); ++i) {
+    if (huge[i] == 0xFF && huge[i + 1] == 0xC0) {
+      huge[i + 5] = 0x1F, huge[i + 6] = 0x40, huge[i + 7] = 0x1F, huge[i + 8] = 0x40;
+      break;
+    }
+  }
+  std::vector<uint8_t> cut(good.begin(), good.begin() + sof + 6);  // inside the frame header
+  // 300 codes of one length: more than a table can hold.
+  std::vector<uint8_t> bad_dht = edited(dht + 5, {0, 0xFF, 0xFF});
+
+  struct Case {
+    const char* name;
+    std::vector<uint8_t> frame;
+    int w, h;
+    Decoder decoder;
+    RefusalReason reason;
+  } cases[] = {
+      {"size, own", good, 64, 40, Decoder::kOwn, RefusalReason::kSizeMismatch},
+      {"size, turbo", good, 48, 48, Decoder::kTurbo, RefusalReason::kSizeMismatch},
+      {"no SOI, own", edited(0, {0x00}), 64, 48, Decoder::kOwn, RefusalReason::kNotJPEG},
+      {"no SOI, turbo", edited(1, {0x00}), 64, 48, Decoder::kTurbo, RefusalReason::kNotJPEG},
+      {"SOF1", edited(sof + 1, {0xC1}), 64, 48, Decoder::kOwn, RefusalReason::kUnsupportedProcess},
+      {"spectral selection", edited(sos + 2 + 2 + 1 + 2 * 3, {1}), 64, 48, Decoder::kOwn,
+       RefusalReason::kUnsupportedProcess},
+      {"13 blocks per MCU", edited(sof + 11, {0x33}), 64, 48, Decoder::kOwn,
+       RefusalReason::kUnsupportedLayout},
+      {"bad table, own", bad_dht, 64, 48, Decoder::kOwn, RefusalReason::kBadHeader},
+      {"bad table, turbo", bad_dht, 64, 48, Decoder::kTurbo, RefusalReason::kTurboError},
+      {"cut in header, own", cut, 64, 48, Decoder::kOwn, RefusalReason::kTruncated},
+      {"cut in header, turbo", cut, 64, 48, Decoder::kTurbo, RefusalReason::kTruncated},
+      {"too large", huge, 8000, 8000, Decoder::kOwn, RefusalReason::kTooLarge},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (bool fallback : {false, true}) {
+      // Only unsupported processes and layouts go on to the fallback (tested above); every
+      // other refusal stands with the fallback on.
+      if (fallback && (c.reason == RefusalReason::kUnsupportedProcess ||
+                       c.reason == RefusalReason::kUnsupportedLayout)) {
+        continue;
+      }
+      const Outcome out = decode(c.frame, c.w, c.h, withDecoder(c.decoder, fallback));
+      EXPECT_FALSE(out.ok);
+      EXPECT_EQ(out.report.status, FrameStatus::kRefused);
+      EXPECT_EQ(out.report.reason, c.reason) << refusalReasonText(out.report.reason);
+      EXPECT_TRUE(samePlanes(out.planes, test::Planes(c.w, c.h))) << "planes touched";
+    }
+  }
+}
+
+// Bad arguments are refused before anything is read or written.
+TEST(FrameReportTest, RefusesBadArguments) {
+  const std::vector<uint8_t> frame = test::encodeTestFrame(64, 48, TJSAMP_420);
+  std::vector<uint8_t> y(64 * 48), u(32 * 24), v(32 * 24);
+  struct Case {
+    const char* name;
+    const uint8_t* data;
+    size_t size;
+    int w, h;
+    uint8_t *y, *u;
+    int y_stride, uv_stride;
+  } cases[] = {
+      {"null data", nullptr, frame.size(), 64, 48, y.data(), u.data(), 64, 32},
+      {"empty", frame.data(), 0, 64, 48, y.data(), u.data(), 64, 32},
+      {"width 0", frame.data(), frame.size(), 0, 48, y.data(), u.data(), 64, 32},
+      {"negative height", frame.data(), frame.size(), 64, -48, y.data(), u.data(), 64, 32},
+      {"width 70000", frame.data(), frame.size(), 70000, 48, y.data(), u.data(), 70000, 35000},
+      {"null luma", frame.data(), frame.size(), 64, 48, nullptr, u.data(), 64, 32},
+      {"null chroma", frame.data(), frame.size(), 64, 48, y.data(), nullptr, 64, 32},
+      {"short luma stride", frame.data(), frame.size(), 64, 48, y.data(), u.data(), 63, 32},
+      {"short chroma stride", frame.data(), frame.size(), 64, 48, y.data(), u.data(), 64, -31},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FrameReport report;
+    report.status = FrameStatus::kClean;
+    EXPECT_FALSE(decodeFrame(c.data, c.size, c.w, c.h, c.y, c.y_stride, c.u, c.uv_stride, v.data(),
+                             c.uv_stride, DecodeOptions(), &report));
+    EXPECT_EQ(report.status, FrameStatus::kRefused);
+    EXPECT_EQ(report.reason, RefusalReason::kInvalidArgument);
+  }
+  EXPECT_FALSE(decodeFrame(frame.data(), frame.size(), 64, 48, y.data(), 64, u.data(), 32, v.data(),
+                           32, DecodeOptions(), nullptr));
+  EXPECT_TRUE(std::all_of(y.begin(), y.end(), [](uint8_t s) { return s == 0; }));
+}
+
+// The header reader: the facts of the frame header, the tables and the scan, through junk and
+// fill bytes between segments, and as far as a cut frame goes.
+TEST(FrameHeaderTest, ReadsWhatTheSegmentsSay) {
+  std::vector<uint8_t> frame = test::encodeTestFrame(70, 30, TJSAMP_422, 90, 1);
+  FrameHeader h;
+  ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &h));
+  EXPECT_EQ(h.width, 70);
+  EXPECT_EQ(h.height, 30);
+  EXPECT_EQ(h.precision, 8);
+  EXPECT_EQ(h.components, 3);
+  EXPECT_EQ(h.h_factors[0], 2);
+  EXPECT_EQ(h.v_factors[0], 1);
+  EXPECT_EQ(h.sof_marker, 0xC0);
+  EXPECT_FALSE(h.progressive);
+  EXPECT_EQ(h.colour_space, ColourSpace::kYCbCr);
+  EXPECT_EQ(h.subsampling, Subsampling::k422);
+  EXPECT_EQ(h.restart_interval, 5);  // one MCU row of 70 / 16 MCUs, rounded up
+  EXPECT_TRUE(h.has_dht);
+  EXPECT_TRUE(h.has_scan);
+
+  // Junk and fill bytes after SOI, and no tables: still read.
+  std::vector<uint8_t> quirky = test::stripDHT(frame);
+  quirky.insert(quirky.begin() + 2, {0x12, 0x34, 0xFF, 0xFF});
+  ASSERT_TRUE(readFrameHeader(quirky.data(), quirky.size(), &h));
+  EXPECT_EQ(h.width, 70);
+  EXPECT_FALSE(h.has_dht);
+
+  // Cut inside the scan header: the frame header is known, the scan is not.
+  size_t sos = 0;
+  while (!(frame[sos] == 0xFF && frame[sos + 1] == 0xDA)) ++sos;
+  ASSERT_TRUE(readFrameHeader(frame.data(), sos + 4, &h));
+  EXPECT_FALSE(h.has_scan);
+  // No SOI, nothing at all, no frame header.
+  EXPECT_FALSE(readFrameHeader(frame.data() + 1, frame.size() - 1, &h));
+  EXPECT_FALSE(readFrameHeader(nullptr, 0, &h));
+  EXPECT_EQ(h.width, 0);
+  const uint8_t tables_only[] = {0xFF, 0xD8, 0xFF, 0xD9};
+  EXPECT_FALSE(readFrameHeader(tables_only, sizeof(tables_only), &h));
+  EXPECT_FALSE(readFrameHeader(frame.data(), frame.size(), nullptr));
+}
+
+}  // namespace
+}  // namespace jpeg
+}  // namespace vidra
