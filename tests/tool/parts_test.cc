@@ -23,13 +23,13 @@
 #include "cli/cli.h"
 #include "demo/damage.h"
 #include "demo/demo_scene.h"
-#include "output/image.h"
+#include "demo/webcam_encoder.h"
 #include "input/frame_reader.h"
 #include "input/jpeg_headers.h"
+#include "output/image.h"
 #include "output/png_writer.h"
 #include "support/test_support.h"
 #include "tool/tool_test_support.h"
-#include "demo/webcam_encoder.h"
 
 namespace vidra {
 namespace test {
@@ -107,6 +107,23 @@ TEST(ToolStreamReaderTest, CutsAnEndlessFrameAtTheLimitWhileThePipeStaysOpen) {
   EXPECT_TRUE(writer.get()) << "the frame came out only at the end of the input";
   EXPECT_EQ(frame.size, limit);
   EXPECT_TRUE(frame.cut_short);
+}
+
+// A file that shrinks while it is read ends with a read error behind the frames before the cut,
+// not with a crash.
+TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
+  TempDir dir;
+  const std::string file = dir.file("s.mjpeg");
+  writeFile(file, concatFrames(std::vector<Bytes>(300, encodeTestFrame(64, 64, TJSAMP_420))));
+  const std::unique_ptr<tool::FrameReader> reader = tool::FrameReader::open(file);
+  tool::Frame frame;
+  ASSERT_TRUE(reader->next(&frame));
+  ASSERT_EQ(truncate(file.c_str(), 1000), 0);
+  std::string error;
+  int frames = 1;
+  while (reader->nextOrStop(&frame, &error)) ++frames;
+  EXPECT_LT(frames, 300);
+  EXPECT_TRUE(has(error, file + ": the file shrank while it was read (from ")) << error;
 }
 
 // open() reads a FIFO as a stream while another thread is still writing it: a lone frame, and

@@ -1,6 +1,7 @@
-// The decoders the benchmark compares, behind one interface: the library's own decoder, its
-// TurboJPEG path, libjpeg-turbo called directly, and FFmpeg's mjpeg decoder. Every one of them
-// delivers I420 at the frame's size, so they do the same work.
+// The decoders the benchmark compares, behind one interface: the library's own decoder (with
+// its TurboJPEG fallback unless that is off), its TurboJPEG path, libjpeg-turbo called directly,
+// and FFmpeg's mjpeg decoder. Every one of them delivers I420 at the frame's size, so they do
+// the same work.
 #pragma once
 
 #include <cstddef>
@@ -29,20 +30,33 @@ BenchFrame makeBenchFrame(const uint8_t* data, size_t size, int width, int heigh
 enum class DecoderKind { kVidraOwn, kVidraTurbo, kLibjpegTurbo, kFFmpeg };
 
 const char* decoderName(DecoderKind kind);
-// The library's force flag that a pass of this decoder needs; the benchmark sets it before
-// the pass, for all threads at once.
-bool forcesTurbo(DecoderKind kind);
 bool isVidra(DecoderKind kind);
+
+enum class BenchResult {
+  kRefused,   // no picture
+  kDecoded,   // a picture (clean, concealed or failed: the work was done)
+  kFallback,  // a picture from the library's TurboJPEG fallback
+};
 
 // One decoder instance: not thread-safe, one per thread.
 class BenchDecoder {
  public:
   virtual ~BenchDecoder() = default;
-  // Decodes `frame` into `out` (resized to the frame). False when the decoder refused it.
-  virtual bool decode(const BenchFrame& frame, I420Image* out) = 0;
+  // Decodes `frame` into `out` (resized to the frame).
+  virtual BenchResult decode(const BenchFrame& frame, I420Image* out) = 0;
 };
 
-std::unique_ptr<BenchDecoder> makeBenchDecoder(DecoderKind kind);
+// `fallback`: the own decoder hands the frames it refuses as unsupported to TurboJPEG.
+std::unique_ptr<BenchDecoder> makeBenchDecoder(DecoderKind kind, bool fallback);
+
+// The planes TurboJPEG decodes a frame of `width` x `height` in `subsampling` (TJSAMP_*) into:
+// tjPlaneWidth / tjPlaneHeight of each component (chroma rounding up); one plane for grey.
+struct TurboPlaneLayout {
+  int planes = 0;
+  int width[3] = {0, 0, 0};
+  int height[3] = {0, 0, 0};
+};
+TurboPlaneLayout turboPlaneLayout(int width, int height, int subsampling);
 
 }  // namespace tool
 }  // namespace vidra

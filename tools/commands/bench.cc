@@ -16,8 +16,6 @@
 #include "commands/commands.h"
 #include "decoding/decoding.h"
 #include "input/frame_reader.h"
-#include "input/jpeg_headers.h"
-#include "decoding/library_log.h"
 #include "vidra/cpu_info.h"
 #include "vidra/mjpeg.h"
 
@@ -29,13 +27,17 @@ namespace {
 constexpr char kBenchHelp[] =
     "Every frame of an input is held in memory and decoded over and over. The decoders take\n"
     "turns pass by pass, so that a change of clock speed affects them all alike:\n"
-    "  vidra own decoder   decompressMJPEG, the library's own decoder (SSSE3/SSE4.1)\n"
-    "  vidra turbo path    decompressMJPEG after setForceJPEGTurboDecoder(true)\n"
-    "  libjpeg-turbo       tjDecompressToYUV with TJFLAG_FASTDCT, then the library's box\n"
-    "                      filter (resample422To420 / resample444To420 / adaptStrides)\n"
+    "  vidra own decoder   decodeFrame on the library's own decoder; the frames it refuses as\n"
+    "                      unsupported go to its TurboJPEG fallback (column 'fallback') unless\n"
+    "                      --no-fallback is given\n"
+    "  vidra turbo path    decodeFrame on the library's TurboJPEG path\n"
+    "  libjpeg-turbo       tjDecompressToYUVPlanes with TJFLAG_FASTDCT, 4:2:0 straight into\n"
+    "                      the I420 planes, 4:2:2 / 4:4:4 through the library's box filter\n"
     "  FFmpeg mjpeg        libavcodec's mjpeg decoder on one thread, then the same filter\n"
-    "All of them deliver I420. With --threads N, N threads decode at once, each all frames of\n"
-    "a pass, and the table shows the speed on 1 and on N threads and the scaling.\n"
+    "All of them deliver I420. Speed counts the frames a decoder decoded: the ones it refused\n"
+    "in the first pass are left out of its timed passes, and a decoder that decoded none gets\n"
+    "no figure. With --threads N, N threads decode at once, each all frames of a pass, and the\n"
+    "table shows the speed on 1 and on N threads and the scaling.\n"
     "\n"
     "Each INPUT is a file (JPEG, raw MJPEG, AVI/MKV/MOV) or a folder whose files are taken\n"
     "together; files in a folder that hold no JPEG are skipped.\n"
@@ -44,13 +46,11 @@ constexpr char kBenchHelp[] =
     "  vidra-mjpeg bench ../shared/corpus/webcam-480p ../shared/corpus/webcam-720p\n"
     "  vidra-mjpeg bench camera.mjpeg --threads 4 --time 3\n"
     "\n"
-    "exit status: 0 the library decoded every frame, 1 it returned false for some, 2 usage\n"
-    "or I/O error.\n";
+    "exit status: 0 the library decoded every frame, 1 it refused some, 2 usage or I/O error.\n";
 
 struct Group {
   std::string name;
   std::vector<BenchFrame> frames;
-  double megapixels = 0;  // per pass
   std::map<std::string, int> layouts;
   int unreadable = 0;
   int skipped_files = 0;
@@ -67,26 +67,20 @@ void loadFile(const std::string& path, bool quiet_skip, Group* group) {
     ++group->skipped_files;
     return;
   }
-  Frame frame;
-  while (true) {
-    try {
-      if (!reader->next(&frame)) break;
-    } catch (const ToolError& error) {
-      std::fprintf(stderr, "vidra-mjpeg: %s\n", error.what());
-      break;
-    }
-    int width = 0, height = 0;
-    if (!jpeg::getJPEGImageSize(frame.data, frame.size, &width, &height) ||
-        !frameSizeUsable(width, height)) {
+  std::string read_error;
+  for (Frame frame; reader->nextOrStop(&frame, &read_error);) {
+    jpeg::FrameHeader header;
+    jpeg::readFrameHeader(frame.data, frame.size, &header);
+    if (!header.has_scan || !frameSizeUsable(header.width, header.height)) {
       ++group->unreadable;
       continue;
     }
-    const JPEGHeaderInfo header = readJPEGHeader(frame.data, frame.size);
-    group->frames.push_back(makeBenchFrame(frame.data, frame.size, width, height, header.has_dht));
-    group->megapixels += width * static_cast<double>(height) / 1e6;
-    ++group->layouts[std::to_string(width) + "x" + std::to_string(height) + " " +
-                     samplingName(header.components).substr(0, 5)];
+    group->frames.push_back(
+        makeBenchFrame(frame.data, frame.size, header.width, header.height, header.has_dht));
+    ++group->layouts[std::to_string(header.width) + "x" + std::to_string(header.height) + " " +
+                     layoutName(header)];
   }
+  if (!read_error.empty()) std::fprintf(stderr, "vidra-mjpeg: %s\n", read_error.c_str());
 }
 
 Group loadGroup(const std::string& input) {
@@ -109,61 +103,75 @@ Group loadGroup(const std::string& input) {
   return group;
 }
 
+// One decoder on one thread count.
 struct Measurement {
+  std::vector<size_t> decoded;  // the frames it decoded in the first pass: the ones timed
+  int refused = 0, fallback = 0;
   double seconds = 0;
-  int64_t frames = 0;  // decoded in `seconds`, over all threads
-  int refused = 0;     // in the warm-up pass
+  double frames = 0, megapixels = 0;  // decoded in `seconds`, over all threads
+  bool speed(double* fps, double* mps) const {
+    if (frames <= 0 || seconds <= 0) return false;
+    *fps = frames / seconds;
+    *mps = megapixels / seconds;
+    return true;
+  }
 };
 
-// Runs one pass of `kind` on `decoders.size()` threads: each decodes every frame of the group
-// once. Returns the wall time.
-double runPass(DecoderKind kind, const Group& group,
-               std::vector<std::unique_ptr<BenchDecoder>>& decoders, std::vector<I420Image>& images,
-               int* refused) {
-  if (isVidra(kind)) jpeg::setForceJPEGTurboDecoder(forcesTurbo(kind));
-  std::vector<int> failures(decoders.size(), 0);
-  auto work = [&](size_t thread) {
-    for (const BenchFrame& frame : group.frames) {
-      if (!decoders[thread]->decode(frame, &images[thread])) ++failures[thread];
-    }
-  };
+// Runs `work(thread)` on `threads` threads at once; returns the wall time.
+template <typename Work>
+double timed(size_t threads, const Work& work) {
   const auto start = std::chrono::steady_clock::now();
-  if (decoders.size() == 1) {
+  if (threads == 1) {
     work(0);
   } else {
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < decoders.size(); ++t) threads.emplace_back(work, t);
-    for (std::thread& thread : threads) thread.join();
+    std::vector<std::thread> running;
+    for (size_t t = 0; t < threads; ++t) running.emplace_back(work, t);
+    for (std::thread& thread : running) thread.join();
   }
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  if (refused != nullptr) *refused = failures[0];
-  return seconds;
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // Measures every decoder on `threads` threads for about `budget` seconds in all.
 std::vector<Measurement> measure(const Group& group, const std::vector<DecoderKind>& kinds,
-                                 int threads, double budget) {
+                                 bool fallback, int threads, double budget) {
   std::vector<std::vector<std::unique_ptr<BenchDecoder>>> decoders(kinds.size());
   std::vector<I420Image> images(threads);
   for (size_t d = 0; d < kinds.size(); ++d) {
-    for (int t = 0; t < threads; ++t) decoders[d].push_back(makeBenchDecoder(kinds[d]));
+    for (int t = 0; t < threads; ++t) decoders[d].push_back(makeBenchDecoder(kinds[d], fallback));
   }
   std::vector<Measurement> results(kinds.size());
-  // Warm-up pass: fills caches, counts refusals, and tells how many passes fit the budget.
-  double warmup = 0;
+  // First pass, on one thread: fills caches, sorts out what each decoder decodes, and tells
+  // how many passes fit the budget.
+  double first = 0;
   for (size_t d = 0; d < kinds.size(); ++d) {
-    warmup += runPass(kinds[d], group, decoders[d], images, &results[d].refused);
+    Measurement& m = results[d];
+    first += timed(1, [&](size_t) {
+      for (size_t i = 0; i < group.frames.size(); ++i) {
+        const BenchResult result = decoders[d][0]->decode(group.frames[i], &images[0]);
+        if (result == BenchResult::kRefused) {
+          ++m.refused;
+        } else {
+          m.fallback += result == BenchResult::kFallback;
+          m.decoded.push_back(i);
+        }
+      }
+    });
   }
   const int rounds =
-      static_cast<int>(std::min(100000.0, std::max(1.0, budget / std::max(warmup, 1e-9))));
+      static_cast<int>(std::min(100000.0, std::max(1.0, budget / std::max(first, 1e-9))));
   for (int round = 0; round < rounds; ++round) {
     for (size_t d = 0; d < kinds.size(); ++d) {
-      results[d].seconds += runPass(kinds[d], group, decoders[d], images, nullptr);
-      results[d].frames += static_cast<int64_t>(group.frames.size()) * threads;
+      Measurement& m = results[d];
+      if (m.decoded.empty()) continue;
+      m.seconds += timed(threads, [&](size_t t) {
+        for (size_t i : m.decoded) decoders[d][t]->decode(group.frames[i], &images[t]);
+      });
+      for (size_t i : m.decoded) {
+        m.frames += threads;
+        m.megapixels += threads * (group.frames[i].width * double(group.frames[i].height) / 1e6);
+      }
     }
   }
-  jpeg::setForceJPEGTurboDecoder(false);
   return results;
 }
 
@@ -195,6 +203,58 @@ std::string layoutText(const Group& group) {
   return std::to_string(group.layouts.size()) + " layouts";
 }
 
+// Prints one group's table; returns true when a vidra decoder refused some of its frames.
+bool printGroup(const Group& group, const std::vector<DecoderKind>& kinds, bool fallback,
+                const std::vector<int>& thread_counts, double budget) {
+  double megapixels = 0;
+  for (const BenchFrame& frame : group.frames) megapixels += frame.width * double(frame.height);
+  std::printf("\n%s: %zu frames, %s, %.1f MP per pass", group.name.c_str(), group.frames.size(),
+              layoutText(group).c_str(), megapixels / 1e6);
+  if (group.unreadable)
+    std::printf(", %d frames with unreadable or oversized headers left out", group.unreadable);
+  if (group.skipped_files) std::printf(", %d files without JPEG skipped", group.skipped_files);
+  std::printf("\n  %-18s %7s %10s %9s %16s %8s %8s %8s\n", "decoder", "threads", "frames/s", "MP/s",
+              "vs libjpeg-turbo", "scaling", "refused", "fallback");
+  std::vector<std::vector<Measurement>> results;
+  for (int count : thread_counts) results.push_back(measure(group, kinds, fallback, count, budget));
+  const size_t reference =
+      std::find(kinds.begin(), kinds.end(), DecoderKind::kLibjpegTurbo) - kinds.begin();
+  bool vidra_refused = false;
+  for (size_t d = 0; d < kinds.size(); ++d) {
+    for (size_t c = 0; c < thread_counts.size(); ++c) {
+      const Measurement& m = results[c][d];
+      double fps = 0, mps = 0, ref_fps = 0, ref_mps = 0, one_fps = 0, one_mps = 0;
+      const bool has_speed = m.speed(&fps, &mps);
+      char speed[32] = "-", rate[32] = "-", ratio[32] = "", scaling[32] = "", refused[32] = "",
+           fallbacks[32] = "";
+      if (has_speed) {
+        std::snprintf(speed, sizeof(speed), "%.1f", fps);
+        std::snprintf(rate, sizeof(rate), "%.1f", mps);
+      }
+      // MP/s, as two decoders may have decoded different frames.
+      if (has_speed && reference < kinds.size() && results[c][reference].speed(&ref_fps, &ref_mps))
+        std::snprintf(ratio, sizeof(ratio), "%.2fx", mps / ref_mps);
+      if (has_speed && c > 0 && results[0][d].speed(&one_fps, &one_mps))
+        std::snprintf(scaling, sizeof(scaling), "%.2fx", fps / one_fps);
+      if (c == 0 && m.refused) {
+        std::snprintf(refused, sizeof(refused), "%d/%zu", m.refused, group.frames.size());
+        vidra_refused = vidra_refused || isVidra(kinds[d]);
+      }
+      if (c == 0 && m.fallback)
+        std::snprintf(fallbacks, sizeof(fallbacks), "%d/%zu", m.fallback, group.frames.size());
+      char row[192];
+      std::snprintf(row, sizeof(row), "  %-18s %7d %10s %9s %16s %8s %8s %8s",
+                    c == 0 ? decoderName(kinds[d]) : "", thread_counts[c], speed, rate, ratio,
+                    scaling, refused, fallbacks);
+      std::string line = row;
+      line.erase(line.find_last_not_of(' ') + 1);
+      std::printf("%s\n", line.c_str());
+    }
+  }
+  std::fflush(stdout);
+  return vidra_refused;
+}
+
 }  // namespace
 
 int runBench(int argc, char** argv, int first) {
@@ -205,85 +265,44 @@ int runBench(int argc, char** argv, int first) {
   args.option("time", 't', "SECONDS", "measuring time per input and thread count", "1");
   args.option("decoders", 'd', "LIST",
               "comma-separated subset of own, turbo, libjpeg-turbo, ffmpeg", "all four");
+  args.flag("no-fallback", 0, "the own decoder without its TurboJPEG fallback");
   args.epilog(kBenchHelp);
   if (!args.parse(argc, argv, first)) return kExitOk;
   if (args.positional().empty()) throw UsageError("bench needs at least one INPUT file or folder");
   const int threads = static_cast<int>(args.integer("threads", 1, 1, 256));
   const double budget = args.number("time", 1.0, 0.0, 3600.0);
+  const bool fallback = !args.has("no-fallback");
   const std::vector<DecoderKind> kinds =
       args.has("decoders")
           ? parseDecoders(args.value("decoders"))
           : std::vector<DecoderKind>{DecoderKind::kVidraOwn, DecoderKind::kVidraTurbo,
                                      DecoderKind::kLibjpegTurbo, DecoderKind::kFFmpeg};
   setFFmpegLogging(false);
-  LibraryLog::silenceFrameReasons();
+  quietLibraryLog();
 
   std::vector<Group> groups;
   for (const std::string& input : args.positional()) {
     groups.push_back(loadGroup(input));
-    const Group& group = groups.back();
-    if (group.frames.empty()) {
+    if (groups.back().frames.empty()) {
       throw ToolError(kExitUsage, input + ": no JPEG frame with a readable header in it");
     }
   }
 
   const CPUInfo cpu;
   std::printf("CPU: %s%s\n", cpu.brand().empty() ? "unknown" : cpu.brand().c_str(),
-              ownDecoderAvailable()
-                  ? ""
-                  : "\nnote: SSSE3/SSE4.1 are missing or masked, so 'vidra own decoder' runs "
-                    "the library's turbo path too");
+              ownDecoderFast() ? ""
+                               : "\nnote: SSSE3/SSE4.1 are missing or masked, so 'vidra own "
+                                 "decoder' runs its scalar forms");
   std::vector<int> thread_counts{1};
   if (threads > 1) thread_counts.push_back(threads);
-  const auto reference =
-      std::find(kinds.begin(), kinds.end(), DecoderKind::kLibjpegTurbo) - kinds.begin();
   bool vidra_refused = false;
   for (const Group& group : groups) {
-    std::printf("\n%s: %zu frames, %s, %.1f MP per pass", group.name.c_str(), group.frames.size(),
-                layoutText(group).c_str(), group.megapixels);
-    if (group.unreadable)
-      std::printf(", %d frames with unreadable or oversized headers left out", group.unreadable);
-    if (group.skipped_files) std::printf(", %d files without JPEG skipped", group.skipped_files);
-    std::printf("\n  %-18s %7s %10s %9s %16s %8s %8s\n", "decoder", "threads", "frames/s", "MP/s",
-                "vs libjpeg-turbo", "scaling", "refused");
-    std::vector<std::vector<Measurement>> results;
-    for (int count : thread_counts) results.push_back(measure(group, kinds, count, budget));
-    for (size_t d = 0; d < kinds.size(); ++d) {
-      for (size_t c = 0; c < thread_counts.size(); ++c) {
-        const Measurement& m = results[c][d];
-        const double fps = m.seconds > 0 ? m.frames / m.seconds : 0;
-        const double mps =
-            m.seconds > 0 ? m.frames * group.megapixels / group.frames.size() / m.seconds : 0;
-        char ratio[32] = "", scaling[32] = "", refused[32] = "";
-        if (reference < static_cast<long>(kinds.size())) {
-          const Measurement& r = results[c][reference];
-          if (r.seconds > 0 && r.frames > 0 && m.seconds > 0) {
-            std::snprintf(ratio, sizeof(ratio), "%.2fx", fps / (r.frames / r.seconds));
-          }
-        }
-        if (c > 0 && results[0][d].seconds > 0 && results[0][d].frames > 0) {
-          std::snprintf(scaling, sizeof(scaling), "%.2fx",
-                        fps / (results[0][d].frames / results[0][d].seconds));
-        }
-        if (c == 0 && m.refused) {
-          std::snprintf(refused, sizeof(refused), "%d/%zu", m.refused, group.frames.size());
-          if (isVidra(kinds[d])) vidra_refused = true;
-        }
-        char row[160];
-        std::snprintf(row, sizeof(row), "  %-18s %7d %10.1f %9.1f %16s %8s %8s",
-                      c == 0 ? decoderName(kinds[d]) : "", thread_counts[c], fps, mps, ratio,
-                      scaling, refused);
-        std::string line = row;
-        line.erase(line.find_last_not_of(' ') + 1);
-        std::printf("%s\n", line.c_str());
-      }
-    }
-    std::fflush(stdout);
+    vidra_refused = printGroup(group, kinds, fallback, thread_counts, budget) || vidra_refused;
   }
   if (vidra_refused) {
     std::fprintf(stderr,
-                 "vidra-mjpeg: the library returned false for some frames (column 'refused'); "
-                 "its speed includes those calls\n");
+                 "vidra-mjpeg: the library refused some frames (column 'refused'); its speed "
+                 "counts only the frames it decoded\n");
   }
   return vidra_refused ? kExitFrames : kExitOk;
 }

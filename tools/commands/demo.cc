@@ -15,14 +15,13 @@
 
 #include "cli/cli.h"
 #include "commands/commands.h"
+#include "decoding/decoding.h"
 #include "demo/contact_sheet.h"
 #include "demo/damage.h"
-#include "decoding/decoding.h"
 #include "demo/demo_scene.h"
-#include "decoding/library_log.h"
-#include "output/png_writer.h"
-#include "vidra/mjpeg.h"
 #include "demo/webcam_encoder.h"
+#include "output/png_writer.h"
+#include "output/stand_in.h"
 #include "output/video_writer.h"
 
 namespace vidra {
@@ -78,14 +77,13 @@ std::string describe(DamageKind kind, int amount, double fraction) {
   return "";
 }
 
-struct PathResult {
+// One of the two decoder paths the demo compares.
+struct DemoPath {
   const char* name;
-  bool turbo;
-  int decoded = 0, concealed = 0, failed = 0, refused = 0;
-  // Time, calls and pixels of the frames the path decoded, concealed or failed: a refused call
-  // returns early and would make the speed look better than it is.
-  double seconds = 0, pixels = 0;
-  int64_t calls = 0;
+  DecoderChoice choice;
+  OutcomeTally first_round;  // outcomes of the first round
+  OutcomeTally all_rounds;   // speed over all rounds
+  std::vector<FrameResult> results;
 };
 
 bool parseSize(const std::string& text, int* width, int* height) {
@@ -101,9 +99,14 @@ bool parseSize(const std::string& text, int* width, int* height) {
   return true;
 }
 
-}  // namespace
+struct DemoSettings {
+  int count = 60, rounds = 3, width = 1280, height = 720;
+  bool write_files = true, save_stream = false, verbose = false;
+  std::filesystem::path out_dir = ".";
+};
 
-int runDemo(int argc, char** argv, int first) {
+// Parses the command line; false when --help was given.
+bool parseDemoArgs(int argc, char** argv, int first, DemoSettings* s) {
   ArgParser args("demo", "demo [options]",
                  "Renders a moving 1280x720 scene, encodes it as a webcam does, damages some\n"
                  "frames as a flaky USB link does, and decodes it all with the library's own\n"
@@ -116,41 +119,40 @@ int runDemo(int argc, char** argv, int first) {
   args.flag("save-stream", 0,
             "also write the damaged clip as a raw MJPEG stream, demo.mjpeg, for 'decode' and "
             "'info' to try");
-  args.flag("verbose", 'v', "also print the library's reasons for frames it returned false for");
+  args.flag("verbose", 'v', "also print the reasons for frames that failed or were refused");
   args.epilog(kDemoHelp);
-  if (!args.parse(argc, argv, first)) return kExitOk;
+  if (!args.parse(argc, argv, first)) return false;
   if (!args.positional().empty()) {
     throw UsageError("demo takes no input, got '" + args.positional()[0] + "'");
   }
-  const int count = static_cast<int>(args.integer("frames", 60, 1, 10000));
-  const int rounds = static_cast<int>(args.integer("rounds", 3, 1, 100));
-  int width = 1280, height = 720;
-  if (args.has("size") && !parseSize(args.value("size"), &width, &height)) {
+  s->count = static_cast<int>(args.integer("frames", 60, 1, 10000));
+  s->rounds = static_cast<int>(args.integer("rounds", 3, 1, 100));
+  if (args.has("size") && !parseSize(args.value("size"), &s->width, &s->height)) {
     throw UsageError("--size expects WxH from 16x16 to 8192x8192, got '" + args.value("size") +
                      "'");
   }
-  const bool write_files = !args.has("no-files"), verbose = args.has("verbose");
-  const std::filesystem::path out_dir = args.value("out-dir");
-  if (write_files) {
-    std::error_code error;
-    if (!std::filesystem::is_directory(out_dir, error)) {
-      throw ToolError(kExitUsage, out_dir.string() + ": no such folder");
-    }
+  s->write_files = !args.has("no-files");
+  s->save_stream = args.has("save-stream");
+  s->verbose = args.has("verbose");
+  s->out_dir = args.value("out-dir");
+  std::error_code error;
+  if (s->write_files && !std::filesystem::is_directory(s->out_dir, error)) {
+    throw ToolError(kExitUsage, s->out_dir.string() + ": no such folder");
   }
-  const std::string y4m_path = (out_dir / "demo.y4m").string();
-  const std::string sheet_path = (out_dir / "demo-contact.png").string();
-  const std::string stream_path = (out_dir / "demo.mjpeg").string();
+  return true;
+}
 
-  // 1. Render and encode.
+// 1. Renders and encodes the clip as a webcam would.
+std::vector<std::vector<uint8_t>> encodeClip(const DemoSettings& s) {
   const auto start = std::chrono::steady_clock::now();
-  DemoScene scene(width, height);
-  std::vector<std::vector<uint8_t>> frames(count);
+  DemoScene scene(s.width, s.height);
+  std::vector<std::vector<uint8_t>> frames(s.count);
   RGBImage picture;
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < s.count; ++i) {
     scene.render(i, &picture);
     frames[i] = encodeWebcamFrame(picture);
   }
-  const double encode_seconds =
+  const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   size_t bytes = 0;
   for (const auto& frame : frames) bytes += frame.size();
@@ -158,9 +160,13 @@ int runDemo(int argc, char** argv, int first) {
       "vidra-mjpeg demo: %d frames of %dx%d rendered and encoded in %.1f s, as a webcam\n"
       "sends them: 4:2:2, quality 90, no DHT segment, a restart marker after every MCU "
       "row (%.0f KiB per frame)\n",
-      count, width, height, encode_seconds, bytes / 1024.0 / count);
+      s.count, s.width, s.height, seconds, bytes / 1024.0 / s.count);
+  return frames;
+}
 
-  // 2. Damage.
+// 2. Damages a few frames; returns what was done to each (empty: undamaged).
+std::vector<std::string> damageClip(std::vector<std::vector<uint8_t>>* frames) {
+  const int count = static_cast<int>(frames->size());
   std::vector<std::string> damage(count);
   std::mt19937 rng(20240611u);
   std::set<int> used;
@@ -168,131 +174,103 @@ int runDemo(int argc, char** argv, int first) {
   for (const DamagePlan& plan : kPlan) {
     const int index = static_cast<int>(static_cast<int64_t>(plan.frame) * count / 60);
     if (index >= count || !used.insert(index).second) continue;
+    std::vector<uint8_t>& frame = (*frames)[index];
     int amount = plan.amount;
     switch (plan.kind) {
       case DamageKind::kBitFlips:
-        amount = flipBits(&frames[index], plan.amount, &rng);
+        amount = flipBits(&frame, plan.amount, &rng);
         break;
       case DamageKind::kCutOff:
-        cutOff(&frames[index], plan.fraction);
+        cutOff(&frame, plan.fraction);
         break;
       case DamageKind::kJunk:
-        amount = junkBeforeRestarts(&frames[index], plan.amount, &rng);
+        amount = junkBeforeRestarts(&frame, plan.amount, &rng);
         break;
     }
     damage[index] = describe(plan.kind, amount, plan.fraction);
     std::printf("  frame %3d  %s\n", index, damage[index].c_str());
   }
+  return damage;
+}
 
-  if (write_files && args.has("save-stream")) {
-    FILE* file = std::fopen(stream_path.c_str(), "wb");
-    if (file == nullptr) throw ioError(stream_path, "cannot create", errno);
-    bool written = true;
-    for (const auto& frame : frames) {
-      written = written && std::fwrite(frame.data(), 1, frame.size(), file) == frame.size();
-    }
-    const int error = errno;
-    if (std::fclose(file) != 0 || !written) throw ioError(stream_path, "write failed", error);
-    std::printf("wrote %s (the damaged clip as a raw MJPEG stream)\n", stream_path.c_str());
+void saveStream(const std::string& path, const std::vector<std::vector<uint8_t>>& frames) {
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) throw ioError(path, "cannot create", errno);
+  bool written = true;
+  for (const auto& frame : frames) {
+    written = written && std::fwrite(frame.data(), 1, frame.size(), file) == frame.size();
   }
+  const int error = errno;
+  if (std::fclose(file) != 0 || !written) throw ioError(path, "write failed", error);
+  std::printf("wrote %s (the damaged clip as a raw MJPEG stream)\n", path.c_str());
+}
 
-  // 3. Decode with both paths, frame by frame, the paths taking turns.
-  PathResult paths[2] = {{"library's own decoder", false}, {"turbo path", true}};
-  std::vector<Outcome> outcomes[2] = {std::vector<Outcome>(count), std::vector<Outcome>(count)};
-  std::vector<std::string> reasons[2] = {std::vector<std::string>(count),
-                                         std::vector<std::string>(count)};
-  std::unique_ptr<VideoWriter> writer;
-  if (write_files) writer = std::make_unique<VideoWriter>(y4m_path, 30, 1);
-  const int thumb_w = std::max(4, width / 4), thumb_h = std::max(4, height / 4);
-  ContactSheet sheet(count, 8, thumb_w, thumb_h);
-  LibraryLog log;
-  I420Image images[2], previous;
-  bool have_previous = false;
-  for (int round = 0; round < rounds; ++round) {
-    for (int i = 0; i < count; ++i) {
-      int w = 0, h = 0;
-      const bool sized = jpeg::getJPEGImageSize(frames[i].data(), frames[i].size(), &w, &h);
+// 3. Decodes every frame with both paths, frame by frame, the paths taking turns; the own
+// decoder's pictures (the TurboJPEG path's where the CPU lacks it) go into the clip and the
+// contact sheet in the first round.
+void decodeClip(const DemoSettings& s, const std::vector<std::vector<uint8_t>>& frames,
+                const std::vector<std::string>& damage, DemoPath paths[2], VideoWriter* writer,
+                ContactSheet* sheet) {
+  I420Image images[2];
+  StandIn stand_in;
+  for (DemoPath* path = paths; path != paths + 2; ++path) path->results.resize(s.count);
+  for (int round = 0; round < s.rounds; ++round) {
+    for (int i = 0; i < s.count; ++i) {
       for (int p = 0; p < 2; ++p) {
-        Outcome outcome = Outcome::kRefused;
-        double seconds = 0;
-        if (sized && frameSizeUsable(w, h)) {
-          jpeg::setForceJPEGTurboDecoder(paths[p].turbo);
-          images[p].resize(w, h);
-          // The frames have no DHT segment: the turbo path needs the default tables put in.
-          outcome = decodeFrame(frames[i].data(), frames[i].size(), true, &images[p], &seconds);
-        }
-        const std::vector<std::string> lines = log.take();
-        if (outcome != Outcome::kRefused) {
-          paths[p].seconds += seconds;
-          paths[p].pixels += static_cast<double>(w) * h;
-          ++paths[p].calls;
-        }
+        const FrameResult result =
+            decodeFrame(frames[i].data(), frames[i].size(), paths[p].choice, &images[p]);
+        paths[p].all_rounds.add(result);
         if (round > 0) continue;
-        outcomes[p][i] = outcome;
-        if (!lines.empty()) reasons[p][i] = lines.front();
-        switch (outcome) {
-          case Outcome::kDecoded:
-            ++paths[p].decoded;
-            break;
-          case Outcome::kConcealed:
-            ++paths[p].concealed;
-            break;
-          case Outcome::kFailed:
-            ++paths[p].failed;
-            break;
-          case Outcome::kRefused:
-            ++paths[p].refused;
-            break;
-        }
+        paths[p].first_round.add(result);
+        paths[p].results[i] = result;
       }
       if (round > 0) continue;
-      // The output is the library's own decoder's (the turbo path's where the CPU lacks it).
-      // The own decoder reports concealment; the turbo path doesn't, and there a damaged frame
-      // it accepted is marked as concealed.
-      const Outcome own = outcomes[0][i];
+      // The own decoder reports concealment; the TurboJPEG path doesn't, and where it stands in
+      // for the own decoder a damaged frame it accepted is marked as concealed.
+      const Outcome own = paths[0].results[i].outcome;
       const bool concealed =
-          own == Outcome::kConcealed || (!ownDecoderAvailable() && !damage[i].empty());
+          own == Outcome::kConcealed || (!ownDecoderFast() && !damage[i].empty());
       const ContactSheet::Mark mark = own == Outcome::kRefused  ? ContactSheet::Mark::kRefused
                                       : own == Outcome::kFailed ? ContactSheet::Mark::kFailed
                                       : concealed               ? ContactSheet::Mark::kConcealed
                                                                 : ContactSheet::Mark::kClean;
-      sheet.place(i, own == Outcome::kRefused ? nullptr : &images[0], mark);
+      sheet->place(i, own == Outcome::kRefused ? nullptr : &images[0], mark);
       if (writer == nullptr) continue;
-      if (own != Outcome::kRefused) {
-        writer->write(images[0]);
-        previous = images[0];
-        have_previous = true;
-      } else if (have_previous) {
-        writer->write(previous);
+      if (own == Outcome::kRefused) {
+        writer->write(stand_in.get(s.width, s.height));
       } else {
-        previous.resize(width, height);
-        previous.fill(0x80);
-        have_previous = true;
-        writer->write(previous);
+        writer->write(images[0]);
+        stand_in.take(&images[0]);
       }
     }
   }
-  jpeg::setForceJPEGTurboDecoder(false);
+}
 
-  // 4. Report.
+// 4. Prints the outcomes, the speed and the damaged frames; returns the undamaged frames that
+// didn't decode clean.
+int reportClip(const DemoSettings& s, const std::vector<std::string>& damage,
+               const DemoPath paths[2]) {
   std::printf(
       "\ndecoded with both paths of the library (%d rounds for the speed, refused frames not "
       "timed):\n",
-      rounds);
+      s.rounds);
   std::printf("  %-24s %8s %9s %7s %8s %10s %8s\n", "", "decoded", "concealed", "failed", "refused",
               "frames/s", "MP/s");
-  for (const PathResult& path : paths) {
-    const double fps = path.seconds > 0 ? path.calls / path.seconds : 0;
-    const double mps = path.seconds > 0 ? path.pixels / path.seconds / 1e6 : 0;
-    std::printf("  %-24s %8d %9d %7d %8d %10.1f %8.1f\n",
-                path.turbo ? path.name : decoderPathName(false).substr(0, 24).c_str(), path.decoded,
-                path.concealed, path.failed, path.refused, fps, mps);
+  double speeds[2] = {0, 0};
+  for (int p = 0; p < 2; ++p) {
+    const OutcomeTally& t = paths[p].first_round;
+    double mps = 0;
+    paths[p].all_rounds.speed(&speeds[p], &mps);
+    std::printf("  %-24s %8lld %9lld %7lld %8lld %10.1f %8.1f\n", paths[p].name,
+                static_cast<long long>(t.decoded), static_cast<long long>(t.concealed),
+                static_cast<long long>(t.failed), static_cast<long long>(t.refused), speeds[p],
+                mps);
   }
-  if (!ownDecoderAvailable()) {
+  if (!ownDecoderFast()) {
     std::printf("  (SSSE3/SSE4.1 are missing or masked: both rows are the turbo path)\n");
-  } else if (paths[0].seconds > 0 && paths[1].seconds > 0) {
+  } else if (speeds[0] > 0 && speeds[1] > 0) {
     std::printf("  the library's own decoder is %.2fx as fast as its turbo path\n",
-                (paths[0].calls / paths[0].seconds) / (paths[1].calls / paths[1].seconds));
+                speeds[0] / speeds[1]);
   }
   std::printf(
       "  'decoded' frames are clean, 'concealed' ones were accepted with their bad MCUs\n"
@@ -300,27 +278,53 @@ int runDemo(int argc, char** argv, int first) {
       "  decoded); 'failed' frames were written with concealment but no more than 80%% of\n"
       "  their MCUs decoded\n");
   std::printf("\ndamaged frames:\n");
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < s.count; ++i) {
     if (damage[i].empty()) continue;
     std::printf("  frame %3d  %-46s own: %-9s turbo: %s\n", i, damage[i].c_str(),
-                outcomeName(outcomes[0][i]), outcomeName(outcomes[1][i]));
-    for (int p = 0; p < 2 && verbose; ++p) {
-      if (!reasons[p][i].empty())
-        std::printf("             %s: %s\n", p ? "turbo" : "own", reasons[p][i].c_str());
+                outcomeName(paths[0].results[i].outcome), outcomeName(paths[1].results[i].outcome));
+    for (int p = 0; p < 2 && s.verbose; ++p) {
+      const std::string& reason = paths[p].results[i].reason;
+      if (!reason.empty())
+        std::printf("             %s: %s\n", p ? "turbo" : "own", reason.c_str());
     }
   }
   int clean_failures = 0;
-  for (int i = 0; i < count; ++i) {
-    if (!damage[i].empty()) continue;
-    for (int p = 0; p < 2; ++p) {
+  for (int i = 0; i < s.count; ++i) {
+    for (int p = 0; p < 2 && damage[i].empty(); ++p) {
       // A frame without damage is expected to decode clean on both paths.
-      if (outcomes[p][i] == Outcome::kDecoded) continue;
+      const FrameResult& result = paths[p].results[i];
+      if (result.outcome == Outcome::kDecoded) continue;
       ++clean_failures;
       std::fprintf(stderr, "vidra-mjpeg demo: undamaged frame %d: %s on the %s%s%s\n", i,
-                   outcomeName(outcomes[p][i]), paths[p].name, reasons[p][i].empty() ? "" : ": ",
-                   reasons[p][i].c_str());
+                   outcomeName(result.outcome), paths[p].name, result.reason.empty() ? "" : ": ",
+                   result.reason.c_str());
     }
   }
+  return clean_failures;
+}
+
+}  // namespace
+
+int runDemo(int argc, char** argv, int first) {
+  DemoSettings s;
+  if (!parseDemoArgs(argc, argv, first, &s)) return kExitOk;
+  const std::string y4m_path = (s.out_dir / "demo.y4m").string();
+  const std::string sheet_path = (s.out_dir / "demo-contact.png").string();
+  std::vector<std::vector<uint8_t>> frames = encodeClip(s);
+  const std::vector<std::string> damage = damageClip(&frames);
+  if (s.write_files && s.save_stream) saveStream((s.out_dir / "demo.mjpeg").string(), frames);
+
+  // The own decoder where it runs fast, else the TurboJPEG path, as decompressMJPEG picks.
+  DemoPath paths[2] = {{"library's own decoder", {false, true}, {}, {}, {}},
+                       {"turbo path", {true, false}, {}, {}, {}}};
+  if (!ownDecoderFast()) paths[0].name = "turbo path (no SIMD)";
+  std::unique_ptr<VideoWriter> writer;
+  if (s.write_files) writer = std::make_unique<VideoWriter>(y4m_path, 30, 1);
+  ContactSheet sheet(s.count, 8, std::max(4, s.width / 4), std::max(4, s.height / 4));
+  quietLibraryLog();
+  decodeClip(s, frames, damage, paths, writer.get(), &sheet);
+  const int clean_failures = reportClip(s, damage, paths);
+
   if (writer != nullptr) {
     writer->close();
     writePNG(sheet_path, sheet.image(), 3);

@@ -1,10 +1,10 @@
 #include "decoding/decoding.h"
 
 #include <chrono>
+#include <cstdio>
 
-#include "jpeg.h"
 #include "vidra/cpu_info.h"
-#include "vidra/mjpeg.h"
+#include "vidra/log.h"
 
 namespace vidra {
 namespace tool {
@@ -23,94 +23,141 @@ const char* outcomeName(Outcome outcome) {
   return "?";
 }
 
-namespace {
-
-// Marks a few samples of the area the library writes, each with its own value, so that a
-// false result can be told apart: written (any mark changed) or untouched. A written picture
-// matches all marks only by a coincidence of six different values at six places.
-struct Marks {
-  static constexpr int kCount = 6;
-  uint8_t* where[kCount] = {};
-  uint8_t value[kCount] = {};
-  int count = 0;
-
-  void add(uint8_t* p, uint8_t v) {
-    for (int i = 0; i < count; ++i) {
-      if (where[i] == p) return;  // tiny frames: the places coincide
-    }
-    where[count] = p;
-    value[count] = v;
-    *p = v;
-    ++count;
+std::string layoutName(const jpeg::FrameHeader& header) {
+  const int count = std::min<int>(header.components, 4);
+  if (count <= 0) return "";
+  std::string factors;
+  for (int i = 0; i < count; ++i) {
+    factors += (i ? "," : "") + std::to_string(header.h_factors[i]) + "x" +
+               std::to_string(header.v_factors[i]);
   }
-  bool untouched() const {
-    for (int i = 0; i < count; ++i) {
-      if (*where[i] != value[i]) return false;
-    }
-    return true;
+  const char* name = "";
+  switch (header.subsampling) {
+    case jpeg::Subsampling::k444:
+      name = "4:4:4 ";
+      break;
+    case jpeg::Subsampling::k422:
+      name = "4:2:2 ";
+      break;
+    case jpeg::Subsampling::k420:
+      name = "4:2:0 ";
+      break;
+    case jpeg::Subsampling::k440:
+      name = "4:4:0 ";
+      break;
+    case jpeg::Subsampling::k411:
+      name = "4:1:1 ";
+      break;
+    case jpeg::Subsampling::kGrey:
+      name = "grey ";
+      break;
+    case jpeg::Subsampling::kUnknown:
+      return factors;
   }
-};
-
-}  // namespace
-
-Outcome decodeFrame(const uint8_t* data, size_t size, bool insert_dht, I420Image* image,
-                    double* seconds) {
-  const int w = image->width, h = image->height;
-  const int cw = w / 2, ch = h / 2;  // what the library writes of the chroma planes
-  const int cs = image->chromaStride();
-  Marks marks;
-  if (w > 0 && h > 0) {
-    marks.add(&image->y[0], 0x13);
-    marks.add(&image->y[static_cast<size_t>(h / 2) * w + w / 2], 0xEC);
-    marks.add(&image->y[static_cast<size_t>(h - 1) * w + w - 1], 0x61);
-  }
-  if (cw > 0 && ch > 0) {
-    marks.add(&image->u[0], 0x2B);
-    marks.add(&image->v[static_cast<size_t>(ch - 1) * cs + cw - 1], 0xD4);
-    marks.add(&image->u[static_cast<size_t>(ch / 2) * cs + cw / 2], 0x9E);
-  }
-  // decompressMJPEG returns only true or false, which doesn't tell a clean frame from one whose
-  // damaged MCUs were concealed. The library exports its decoder class, so where it would pick
-  // its own decoder the tool runs that class itself, with the same arguments, and afterwards
-  // reads which MCUs failed. The choice follows decompressMJPEG's rule: the force flag, read
-  // as the library reads it, else SSSE3 + SSE4.1 on this CPU (the same probe, the same
-  // VIDRA_CPU_MASK). The library also passes only the low 32 bits of the size on.
-  const uint32_t size32 = static_cast<uint32_t>(size);
-  const bool own =
-      !__atomic_load_n(&jpeg::g_force_use_jt_decoder, __ATOMIC_RELAXED) && ownDecoderAvailable();
-  bool ok = false, concealed = false;
-  const auto start = std::chrono::steady_clock::now();
-  if (own) {
-    jpeg::SimpleJPEGDecoder decoder;
-    ok = decoder.decompress(data, size32, w, h, insert_dht, image->y.data(), image->yStride(),
-                            image->u.data(), cs, image->v.data(), cs);
-    concealed = !decoder.bad_mcus_.empty();
-  } else {
-    ok = jpeg::decompressMJPEG(data, size, w, h, insert_dht, image->y.data(), image->yStride(),
-                               image->u.data(), cs, image->v.data(), cs);
-  }
-  *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  if (ok) {
-    image->completeChroma();
-    return concealed ? Outcome::kConcealed : Outcome::kDecoded;
-  }
-  // The own decoder writes the planes only once the whole frame is parsed, and then returns
-  // false only for too few clean MCUs: a changed mark means exactly that case. On the turbo
-  // path the marks tell in the same way whether the planes were written before the false.
-  if (marks.untouched()) return Outcome::kRefused;
-  image->completeChroma();
-  return Outcome::kFailed;
+  return name + ("(" + factors + ")");
 }
 
-bool ownDecoderAvailable() {
+FrameResult decodeFrame(const uint8_t* data, size_t size, const DecoderChoice& choice,
+                        I420Image* image) {
+  FrameResult result;
+  jpeg::readFrameHeader(data, size, &result.header);
+  const int width = result.header.width, height = result.header.height;
+  result.sized = width > 0 && height > 0;
+  if (!result.sized) {
+    result.reason = "(the tool's own: the header gives no frame size)";
+    return result;
+  }
+  if (!frameSizeUsable(width, height)) {
+    result.reason = "(the tool's own: sizes above 8192x8192 pixels are refused)";
+    return result;
+  }
+  image->resize(width, height);
+  jpeg::DecodeOptions options;
+  options.decoder = choice.turbo ? jpeg::Decoder::kTurbo : jpeg::Decoder::kAuto;
+  options.insert_dht = !result.header.has_dht;
+  options.fallback = choice.fallback;
+  jpeg::FrameReport report;
+  const int cs = image->chromaStride();
+  const auto start = std::chrono::steady_clock::now();
+  jpeg::decodeFrame(data, size, width, height, image->y.data(), image->yStride(), image->u.data(),
+                    cs, image->v.data(), cs, options, &report);
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.fallback = report.path == jpeg::DecodePath::kTurboFallback;
+  result.valid_mcus = report.valid_mcus;
+  result.total_mcus = report.total_mcus;
+  switch (report.status) {
+    case jpeg::FrameStatus::kClean:
+      result.outcome = Outcome::kDecoded;
+      break;
+    case jpeg::FrameStatus::kConcealed:
+      result.outcome = Outcome::kConcealed;
+      break;
+    case jpeg::FrameStatus::kFailed:
+      result.outcome = Outcome::kFailed;
+      result.reason = report.total_mcus > 0
+                          ? "too few MCUs decoded cleanly (" + std::to_string(report.valid_mcus) +
+                                " of " + std::to_string(report.total_mcus) + ")"
+                          : "too damaged";
+      break;
+    case jpeg::FrameStatus::kRefused:
+      result.outcome = Outcome::kRefused;
+      result.reason = jpeg::refusalReasonText(report.reason);
+      return result;
+  }
+  image->completeChroma();
+  return result;
+}
+
+void OutcomeTally::add(const FrameResult& result) {
+  switch (result.outcome) {
+    case Outcome::kDecoded:
+      ++decoded;
+      break;
+    case Outcome::kConcealed:
+      ++concealed;
+      break;
+    case Outcome::kFailed:
+      ++failed;
+      break;
+    case Outcome::kRefused:
+      ++refused;
+      return;
+  }
+  fallback += result.fallback;
+  ++timed;
+  seconds += result.seconds;
+  pixels += static_cast<double>(result.header.width) * result.header.height;
+}
+
+bool OutcomeTally::speed(double* fps, double* mps) const {
+  if (timed == 0 || seconds <= 0) return false;
+  *fps = timed / seconds;
+  *mps = pixels / seconds / 1e6;
+  return true;
+}
+
+bool ownDecoderFast() {
   static const CPUInfo cpu;
   return cpu.supports_fast_decoder();
 }
 
-std::string decoderPathName(bool turbo) {
-  if (turbo) return "turbo path (forced)";
-  if (ownDecoderAvailable()) return "library's own decoder";
-  return "turbo path (this CPU lacks SSSE3/SSE4.1, or VIDRA_CPU_MASK hides them)";
+std::string decoderPathName(const DecoderChoice& choice) {
+  if (choice.turbo) return "TurboJPEG path (--turbo)";
+  return ownDecoderFast() ? "library's own decoder" : "TurboJPEG path (no SSSE3/SSE4.1 here)";
+}
+
+namespace {
+
+void checkSink(void*, int level, const char* channel, const char*, int, const char* text) {
+  if (level <= 1)
+    std::fprintf(stderr, "vidra-mjpeg: library check failed (%s): %s\n", channel, text);
+}
+
+}  // namespace
+
+void quietLibraryLog() {
+  setLoggerLevel("mjpeg", 1);
+  setLogSink(&checkSink, nullptr);
 }
 
 }  // namespace tool

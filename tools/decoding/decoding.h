@@ -1,5 +1,5 @@
-// One frame through the library's public entry points, with what the tool can tell about the
-// result from outside.
+// One frame through the library's reporting entry point (vidra::jpeg::decodeFrame), and the
+// tally of what became of the frames.
 #pragma once
 
 #include <cstddef>
@@ -7,16 +7,15 @@
 #include <string>
 
 #include "output/image.h"
+#include "vidra/mjpeg.h"
 
 namespace vidra {
 namespace tool {
 
-// What became of a frame. The library returns true for frames whose damaged MCUs it concealed
-// (when more than 80% of the MCUs decoded cleanly): where its own decoder runs, the tool sees
-// those through the decoder object and counts them as kConcealed, so kDecoded means clean.
-// On the turbo path the tool can't tell, and every accepted frame is kDecoded. A false result
-// comes in two kinds: written with concealment but too damaged (kFailed), or not written at
-// all (kRefused).
+// What became of a frame, as the library reports it: kDecoded clean, kConcealed with damaged
+// MCUs concealed (more than 80% decoded cleanly), kFailed written with concealment but too
+// damaged, kRefused not written at all. Only the library's own decoder tells concealed frames
+// from clean ones; the TurboJPEG path reports every frame it accepts as clean.
 enum class Outcome { kDecoded, kConcealed, kFailed, kRefused };
 
 const char* outcomeName(Outcome outcome);
@@ -28,18 +27,53 @@ inline bool frameSizeUsable(int width, int height) {
   return width > 0 && height > 0 && static_cast<int64_t>(width) * height <= kMaxFramePixels;
 }
 
-// Decodes `size` bytes at `data` into `image`, which the caller has sized from the frame's
-// header (getJPEGImageSize). `insert_dht` is passed on to the library (the turbo path needs it
-// for frames without Huffman tables). Completes the chroma of odd sizes. `seconds` receives
-// the time spent inside the library's decoder.
-Outcome decodeFrame(const uint8_t* data, size_t size, bool insert_dht, I420Image* image,
-                    double* seconds);
+// Which decoder the tool asks for.
+struct DecoderChoice {
+  bool turbo = false;    // the TurboJPEG path for every frame (--turbo)
+  bool fallback = true;  // TurboJPEG for frames the own decoder refuses as unsupported
+};
 
-// Which decoder the library will use with the force flag `turbo`, in words, following the
-// library's own rule (force flag, else SSSE3 + SSE4.1 on this CPU).
-std::string decoderPathName(bool turbo);
-// True when the library's own decoder runs on this CPU (SSSE3 and SSE4.1 present, not masked).
-bool ownDecoderAvailable();
+struct FrameResult {
+  Outcome outcome = Outcome::kRefused;
+  bool fallback = false;                   // decoded by the TurboJPEG fallback
+  jpeg::FrameHeader header;                // as read from the frame
+  bool sized = false;                      // the header gives a size
+  std::string reason;                      // why it was refused or failed; empty otherwise
+  double seconds = 0;                      // time inside the library (0 when refused before it)
+  int32_t valid_mcus = 0, total_mcus = 0;  // own decoder only
+};
+
+// Reads the frame's header, sizes `image` to it and decodes the frame into it, chroma of odd
+// sizes completed. Sizes the header doesn't give, or above kMaxFramePixels, are refused by the
+// tool without calling the decoder.
+FrameResult decodeFrame(const uint8_t* data, size_t size, const DecoderChoice& choice,
+                        I420Image* image);
+
+// "4:2:2 (2x1,1x1,1x1)", "grey (1x1)", ... for the frame header's layout; "" without components.
+std::string layoutName(const jpeg::FrameHeader& header);
+
+// Counts outcomes, and the time and pixels of the frames a decoder decoded: refused frames don't
+// count towards speed (a damaged header may claim 8192x8192 and be refused in microseconds).
+struct OutcomeTally {
+  int64_t decoded = 0, concealed = 0, failed = 0, refused = 0;
+  int64_t fallback = 0;  // of decoded, concealed and failed: by the TurboJPEG fallback
+  int64_t timed = 0;     // frames behind `seconds`
+  double seconds = 0, pixels = 0;
+
+  void add(const FrameResult& result);
+  int64_t frames() const { return decoded + concealed + failed + refused; }
+  // Frames per second and megapixels per second of the timed frames; false without any.
+  bool speed(double* fps, double* mps) const;
+};
+
+// The library's name for the decoder a choice leads to on this CPU.
+std::string decoderPathName(const DecoderChoice& choice);
+// True when the library's own decoder runs on this CPU with SIMD (SSSE3 and SSE4.1, not masked).
+bool ownDecoderFast();
+
+// The library's per-frame log lines go quiet (the reports carry the reasons); a broken internal
+// check (level 1) still goes to stderr, prefixed with the tool's name.
+void quietLibraryLog();
 
 }  // namespace tool
 }  // namespace vidra

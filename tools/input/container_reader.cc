@@ -100,8 +100,8 @@ class ContainerReader : public FrameReader {
     frame->time_seconds =
         packet_->pts == AV_NOPTS_VALUE ? -1 : packet_->pts * av_q2d(stream->time_base);
     if (frame->time_seconds >= 0) {
-      const double duration = packet_->duration > 0 ? packet_->duration * av_q2d(stream->time_base)
-                                                     : frameDuration();
+      const double duration =
+          packet_->duration > 0 ? packet_->duration * av_q2d(stream->time_base) : frameDuration();
       end_seconds_ = std::max(end_seconds_, frame->time_seconds + duration);
     }
     frame->junk_before = 0;

@@ -22,8 +22,7 @@ namespace {
 // than the frame limit is cut there.
 class StreamReader : public FrameReader {
  public:
-  StreamReader(const std::string& name, int fd, bool owns_fd, size_t read_size,
-               size_t frame_limit)
+  StreamReader(const std::string& name, int fd, bool owns_fd, size_t read_size, size_t frame_limit)
       : fd_(fd),
         owns_fd_(owns_fd),
         read_size_(std::max<size_t>(read_size, 1)),

@@ -23,12 +23,19 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 
 }  // namespace
 
-VideoWriter::Format VideoWriter::formatFor(const std::string& path) {
+VideoWriter::Format VideoWriter::formatFor(const std::string& path, const std::string& format) {
+  if (format == "y4m") return Format::kY4M;
+  if (format == "yuv" || format == "i420") return Format::kRawI420;
+  if (!format.empty()) throw UsageError("--format expects y4m or yuv, got '" + format + "'");
   if (path == "-" || endsWith(path, ".y4m")) return Format::kY4M;
   if (endsWith(path, ".yuv") || endsWith(path, ".i420")) return Format::kRawI420;
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && (S_ISCHR(info.st_mode) || S_ISFIFO(info.st_mode))) {
+    return Format::kRawI420;  // a sink such as /dev/null, or a FIFO
+  }
   throw UsageError("can't tell the output format from '" + path +
-                   "': name it *.y4m (YUV4MPEG2) or *.yuv (raw I420), or '-' for Y4M on "
-                   "standard output");
+                   "': name it *.y4m (YUV4MPEG2) or *.yuv (raw I420), '-' for Y4M on standard "
+                   "output, or give --format y4m|yuv");
 }
 
 std::string VideoWriter::y4mHeader(int width, int height, int fps_num, int fps_den) {
@@ -39,8 +46,9 @@ std::string VideoWriter::y4mHeader(int width, int height, int fps_num, int fps_d
          " Ip A1:1 C420jpeg XYSCSS=420JPEG XCOLORRANGE=FULL";
 }
 
-VideoWriter::VideoWriter(const std::string& path, int fps_num, int fps_den)
-    : path_(path), format_(formatFor(path)), fps_num_(fps_num), fps_den_(fps_den) {
+VideoWriter::VideoWriter(const std::string& path, int fps_num, int fps_den,
+                         const std::string& format)
+    : path_(path), format_(formatFor(path, format)), fps_num_(fps_num), fps_den_(fps_den) {
   if (path == "-") {
     file_ = stdout;
     path_ = "standard output";
@@ -70,6 +78,7 @@ void VideoWriter::put(const void* data, size_t size) {
   if (size != 0 && std::fwrite(data, 1, size, file_) != size) {
     throw ioError(path_, "write failed", errno);
   }
+  bytes_ += size;
 }
 
 void VideoWriter::setSize(int width, int height) {

@@ -15,13 +15,14 @@ class VideoWriter {
  public:
   enum class Format { kY4M, kRawI420 };
 
-  // Picks the format from the file name: .y4m, .yuv (also .i420), and "-" for Y4M on
-  // standard output. Throws UsageError for any other name.
-  static Format formatFor(const std::string& path);
+  // The format for `path`: `format` when given ("y4m" or "yuv"), else from the file name: .y4m,
+  // .yuv (also .i420), "-" for Y4M on standard output, and raw I420 for a device or FIFO that
+  // exists (/dev/null). Throws UsageError for anything else.
+  static Format formatFor(const std::string& path, const std::string& format = "");
 
   // Creates the file at once, so that an unwritable path fails before any decoding. Throws
   // ToolError naming the path.
-  VideoWriter(const std::string& path, int fps_num, int fps_den);
+  VideoWriter(const std::string& path, int fps_num, int fps_den, const std::string& format = "");
   ~VideoWriter();
   VideoWriter(const VideoWriter&) = delete;
   VideoWriter& operator=(const VideoWriter&) = delete;
@@ -41,6 +42,8 @@ class VideoWriter {
   void discard();
 
   int64_t frames() const { return frames_; }
+  // Bytes written so far.
+  uint64_t bytes() const { return bytes_; }
   int width() const { return width_; }  // 0 until the size is fixed
   int height() const { return height_; }
   Format format() const { return format_; }
@@ -62,6 +65,7 @@ class VideoWriter {
   int fps_num_, fps_den_;
   int width_ = 0, height_ = 0;
   int64_t frames_ = 0;
+  uint64_t bytes_ = 0;
 };
 
 }  // namespace tool
