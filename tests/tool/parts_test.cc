@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "cli/cli.h"
+#include "decoding/decoding.h"
 #include "demo/damage.h"
 #include "demo/demo_scene.h"
 #include "demo/webcam_encoder.h"
@@ -174,7 +175,9 @@ TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
     const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
     const tool::JPEGHeaderInfo header = tool::readJPEGHeader(frame.data(), frame.size());
     ASSERT_TRUE(header.ok()) << header.error;
-    EXPECT_EQ(tool::samplingName(header.components), test.sampling);
+    jpeg::FrameHeader layout;
+    ASSERT_TRUE(jpeg::readFrameHeader(frame.data(), frame.size(), &layout));
+    EXPECT_EQ(tool::layoutName(layout), test.sampling);
     double distance = -1;
     EXPECT_EQ(tool::estimateQuality(header.dqt[header.components[0].tq], &distance), test.quality);
     EXPECT_EQ(distance, 0.0);

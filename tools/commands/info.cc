@@ -8,6 +8,7 @@
 
 #include "cli/cli.h"
 #include "commands/commands.h"
+#include "decoding/decoding.h"
 #include "input/frame_reader.h"
 #include "input/jpeg_headers.h"
 
@@ -23,7 +24,10 @@ constexpr char kInfoHelp[] =
     "whole number of them), whether the frame carries its own Huffman tables (DHT; MJPEG\n"
     "cameras usually leave them out), the JPEG quality (the libjpeg quality whose scaled\n"
     "Annex K luminance table comes closest to the frame's; '~' when none matches exactly)\n"
-    "and the APPn tags.\n"
+    "and the APPn tags, and the decoder that takes the frame: 'own' (the library's own\n"
+    "decoder), 'fallback' (TurboJPEG, for a frame the own decoder refuses as unsupported;\n"
+    "--no-fallback leaves those refused), 'turbo' (on a CPU without SSSE3/SSE4.1) or\n"
+    "'refused'. Finding that out decodes every frame.\n"
     "\n"
     "examples:\n"
     "  vidra-mjpeg info camera.mjpeg\n"
@@ -87,6 +91,13 @@ void printTables(const JPEGHeaderInfo& header) {
   }
 }
 
+// Which decoder took the frame (see kInfoHelp).
+std::string decoderName(const FrameResult& result) {
+  if (result.outcome == Outcome::kRefused) return "refused";
+  if (result.fallback) return "fallback";
+  return ownDecoderFast() ? "own" : "turbo";
+}
+
 void countInto(std::map<std::string, int64_t>* counts, const std::string& key) { ++(*counts)[key]; }
 
 std::string countsText(const std::map<std::string, int64_t>& counts) {
@@ -107,6 +118,7 @@ int runInfo(int argc, char** argv, int first) {
                  "and an estimate of the JPEG quality.");
   args.flag("tables", 't', "also print the quantisation tables of each frame");
   args.flag("brief", 'b', "only the summary, no line per frame");
+  args.flag("no-fallback", 0, "show what the own decoder takes without its TurboJPEG fallback");
   args.epilog(kInfoHelp);
   if (!args.parse(argc, argv, first)) return kExitOk;
   if (args.positional().size() != 1) {
@@ -117,14 +129,19 @@ int runInfo(int argc, char** argv, int first) {
   setFFmpegLogging(false);
   std::unique_ptr<FrameReader> reader = FrameReader::open(args.positional()[0]);
   const bool brief = args.has("brief"), tables = args.has("tables");
+  DecoderChoice choice;
+  choice.fallback = !args.has("no-fallback");
+  quietLibraryLog();
+  I420Image image;
 
-  std::map<std::string, int64_t> layouts, restarts, dht, qualities;
+  std::map<std::string, int64_t> layouts, restarts, dht, qualities, decoders;
   int64_t frames = 0, unreadable = 0, cut_short = 0;
   uint64_t junk = 0;
   std::string read_error;
   if (!brief) {
-    std::printf("%6s  %-14s %8s  %-11s %-10s %-20s %-16s %-4s %-7s %s\n", "frame", "where", "bytes",
-                "type", "size", "sampling", "restart", "DHT", "quality", "APPn");
+    std::printf("%6s  %-14s %8s  %-11s %-10s %-20s %-16s %-4s %-7s %-8s %s\n", "frame", "where",
+                "bytes", "type", "size", "sampling", "restart", "DHT", "quality", "decoder",
+                "APPn");
   }
   while (true) {
     Frame frame;
@@ -147,17 +164,22 @@ int runInfo(int argc, char** argv, int first) {
       continue;
     }
     const std::string size = std::to_string(header.width) + "x" + std::to_string(header.height);
-    const std::string sampling = samplingName(header.components);
+    jpeg::FrameHeader layout;
+    jpeg::readFrameHeader(frame.data, frame.size, &layout);
+    const std::string sampling = layoutName(layout);
     countInto(&layouts, size + " " + sofName(header.sof_marker) + " " + sampling);
     countInto(&restarts, restartText(header) == "-" ? "none" : restartText(header));
     countInto(&dht, header.has_dht ? "present" : "absent");
     countInto(&qualities, qualityText(header));
+    const std::string decoder = decoderName(decodeFrame(frame.data, frame.size, choice, &image));
+    countInto(&decoders, decoder);
     if (brief) continue;
-    std::printf("%6lld  %-14s %8zu  %-11s %-10s %-20s %-16s %-4s %-7s %s%s\n",
+    std::printf("%6lld  %-14s %8zu  %-11s %-10s %-20s %-16s %-4s %-7s %-8s %s%s\n",
                 static_cast<long long>(frame.index), FrameReader::where(frame).c_str(), frame.size,
                 sofName(header.sof_marker).c_str(), size.c_str(), sampling.c_str(),
                 restartText(header).c_str(), header.has_dht ? "yes" : "no",
-                qualityText(header).c_str(), joined(header.app_tags).c_str(), notes.c_str());
+                qualityText(header).c_str(), decoder.c_str(), joined(header.app_tags).c_str(),
+                notes.c_str());
     if (tables) printTables(header);
   }
   junk += reader->trailingJunk();
@@ -169,6 +191,7 @@ int runInfo(int argc, char** argv, int first) {
     std::printf("  restart   %s\n", countsText(restarts).c_str());
     std::printf("  DHT       %s\n", countsText(dht).c_str());
     std::printf("  quality   %s\n", countsText(qualities).c_str());
+    std::printf("  decoder   %s\n", countsText(decoders).c_str());
   }
   if (unreadable) std::printf("  unreadable headers: %lld\n", static_cast<long long>(unreadable));
   if (cut_short) std::printf("  cut short: %lld\n", static_cast<long long>(cut_short));

@@ -170,26 +170,6 @@ std::string sofName(int sof_marker) {
   }
 }
 
-std::string samplingName(const std::vector<JPEGComponent>& components) {
-  std::string factors;
-  for (const JPEGComponent& c : components) {
-    if (!factors.empty()) factors += ",";
-    factors += std::to_string(c.h) + "x" + std::to_string(c.v);
-  }
-  if (components.size() == 1) return "grey (" + factors + ")";
-  std::string name;
-  if (components.size() == 3 && components[1].h == 1 && components[1].v == 1 &&
-      components[2].h == 1 && components[2].v == 1) {
-    const int h = components[0].h, v = components[0].v;
-    if (h == 1 && v == 1) name = "4:4:4";
-    if (h == 2 && v == 1) name = "4:2:2";
-    if (h == 2 && v == 2) name = "4:2:0";
-    if (h == 1 && v == 2) name = "4:4:0";
-    if (h == 4 && v == 1) name = "4:1:1";
-  }
-  return name.empty() ? factors : name + " (" + factors + ")";
-}
-
 std::array<uint16_t, 64> ijgLuminanceTable(int quality) {
   // libjpeg's jpeg_quality_scaling() and jpeg_add_quant_table() with force_baseline.
   quality = std::min(100, std::max(1, quality));

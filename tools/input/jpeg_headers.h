@@ -47,10 +47,6 @@ JPEGHeaderInfo readJPEGHeader(const uint8_t* data, size_t size);
 // "baseline", "extended", "progressive", "lossless", ... for a SOFn marker.
 std::string sofName(int sof_marker);
 
-// "4:2:2 (2x1,1x1,1x1)", "4:2:0 (2x2,1x1,1x1)", "grey (1x1)", or the plain factors when the
-// layout has no common name.
-std::string samplingName(const std::vector<JPEGComponent>& components);
-
 // The IJG (libjpeg) quality whose scaled Annex K table is closest to `table` (natural order,
 // luminance). `distance` receives the mean absolute difference per entry; 0 means the table
 // is exactly what libjpeg writes for that quality.
