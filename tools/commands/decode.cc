@@ -365,7 +365,7 @@ void DecodeRun::warn(int* count, const std::string& text) {
 }
 
 void DecodeRun::printSummary() const {
-  std::string sizes = "no readable frame size";
+  std::string sizes = "no usable frame size";
   if (sizes_.size() == 1)
     sizes = sizeText(sizes_.begin()->first.first, sizes_.begin()->first.second);
   if (sizes_.size() > 1) {
