@@ -109,13 +109,91 @@ std::string countsText(const std::map<std::string, int64_t>& counts) {
   return text;
 }
 
+// What the frames of an input have in common, counted frame by frame.
+struct InfoSummary {
+  std::map<std::string, int64_t> layouts, restarts, dht, qualities, decoders;
+  int64_t frames = 0, unreadable = 0, cut_short = 0;
+  uint64_t junk = 0;
+};
+
+// Counts one frame into `summary` and, unless `brief`, prints its line (and its tables).
+void describeFrame(const Frame& frame, const DecoderChoice& choice, bool brief, bool tables,
+                   I420Image* image, InfoSummary* summary) {
+  ++summary->frames;
+  summary->junk += frame.junk_before;
+  summary->cut_short += frame.cut_short;
+  const JPEGHeaderInfo header = readJPEGHeader(frame.data, frame.size);
+  std::string notes;
+  if (frame.cut_short) notes += "  [cut short]";
+  if (frame.junk_before) notes += "  [" + std::to_string(frame.junk_before) + " junk bytes before]";
+  if (!header.ok()) {
+    ++summary->unreadable;
+    if (!brief) {
+      std::printf("%6lld  %-14s %8zu  header unreadable: %s%s\n",
+                  static_cast<long long>(frame.index), FrameReader::where(frame).c_str(),
+                  frame.size, header.error.c_str(), notes.c_str());
+    }
+    return;
+  }
+  const std::string size = std::to_string(header.width) + "x" + std::to_string(header.height);
+  jpeg::FrameHeader layout;
+  jpeg::readFrameHeader(frame.data, frame.size, &layout);
+  const std::string sampling = layoutName(layout);
+  countInto(&summary->layouts, size + " " + sofName(header.sof_marker) + " " + sampling);
+  countInto(&summary->restarts, restartText(header) == "-" ? "none" : restartText(header));
+  countInto(&summary->dht, header.has_dht ? "present" : "absent");
+  countInto(&summary->qualities, qualityText(header));
+  const std::string decoder = decoderName(decodeFrame(frame.data, frame.size, choice, image));
+  countInto(&summary->decoders, decoder);
+  if (brief) return;
+  std::printf("%6lld  %-14s %8zu  %-11s %-10s %-20s %-16s %-4s %-7s %-8s %s%s\n",
+              static_cast<long long>(frame.index), FrameReader::where(frame).c_str(), frame.size,
+              sofName(header.sof_marker).c_str(), size.c_str(), sampling.c_str(),
+              restartText(header).c_str(), header.has_dht ? "yes" : "no",
+              qualityText(header).c_str(), decoder.c_str(), joined(header.app_tags).c_str(),
+              notes.c_str());
+  if (tables) printTables(header);
+}
+
+// Prints the summary and returns the exit code.
+int printInfoSummary(const FrameReader& reader, const InfoSummary& s,
+                     const std::string& read_error) {
+  std::printf("%s: %s, %lld frames\n", reader.path().c_str(), reader.kind().c_str(),
+              static_cast<long long>(s.frames));
+  if (!s.layouts.empty()) {
+    std::printf("  layout    %s\n", countsText(s.layouts).c_str());
+    std::printf("  restart   %s\n", countsText(s.restarts).c_str());
+    std::printf("  DHT       %s\n", countsText(s.dht).c_str());
+    std::printf("  quality   %s\n", countsText(s.qualities).c_str());
+    std::printf("  decoder   %s\n", countsText(s.decoders).c_str());
+  }
+  if (s.unreadable)
+    std::printf("  unreadable headers: %lld\n", static_cast<long long>(s.unreadable));
+  if (s.cut_short) std::printf("  cut short: %lld\n", static_cast<long long>(s.cut_short));
+  if (s.junk) {
+    std::printf("  junk bytes outside frames: %llu\n", static_cast<unsigned long long>(s.junk));
+  }
+  std::fflush(stdout);
+  if (!read_error.empty()) std::fprintf(stderr, "vidra-mjpeg: %s\n", read_error.c_str());
+  if (s.unreadable) {
+    std::fprintf(stderr, "vidra-mjpeg: %s: %lld of %lld frames have unreadable headers\n",
+                 reader.path().c_str(), static_cast<long long>(s.unreadable),
+                 static_cast<long long>(s.frames));
+  }
+  if (s.frames == 0) {
+    std::fprintf(stderr, "vidra-mjpeg: %s: no MJPEG frames in it\n", reader.path().c_str());
+    return kExitUsage;
+  }
+  return s.unreadable || !read_error.empty() ? kExitFrames : kExitOk;
+}
+
 }  // namespace
 
 int runInfo(int argc, char** argv, int first) {
   ArgParser args("info", "info INPUT [options]",
                  "Prints the header of every frame of INPUT (a JPEG, a raw MJPEG stream, or an\n"
-                 "MJPEG track in AVI/MKV/MOV): size, sampling, restart interval, Huffman tables\n"
-                 "and an estimate of the JPEG quality.");
+                 "MJPEG track in AVI/MKV/MOV): size, sampling, restart interval, Huffman tables,\n"
+                 "an estimate of the JPEG quality, and the decoder that takes it.");
   args.flag("tables", 't', "also print the quantisation tables of each frame");
   args.flag("brief", 'b', "only the summary, no line per frame");
   args.flag("no-fallback", 0, "show what the own decoder takes without its TurboJPEG fallback");
@@ -132,83 +210,19 @@ int runInfo(int argc, char** argv, int first) {
   DecoderChoice choice;
   choice.fallback = !args.has("no-fallback");
   quietLibraryLog();
-  I420Image image;
-
-  std::map<std::string, int64_t> layouts, restarts, dht, qualities, decoders;
-  int64_t frames = 0, unreadable = 0, cut_short = 0;
-  uint64_t junk = 0;
-  std::string read_error;
   if (!brief) {
     std::printf("%6s  %-14s %8s  %-11s %-10s %-20s %-16s %-4s %-7s %-8s %s\n", "frame", "where",
                 "bytes", "type", "size", "sampling", "restart", "DHT", "quality", "decoder",
                 "APPn");
   }
-  while (true) {
-    Frame frame;
-    if (!reader->nextOrStop(&frame, &read_error)) break;
-    ++frames;
-    junk += frame.junk_before;
-    cut_short += frame.cut_short;
-    const JPEGHeaderInfo header = readJPEGHeader(frame.data, frame.size);
-    std::string notes;
-    if (frame.cut_short) notes += "  [cut short]";
-    if (frame.junk_before)
-      notes += "  [" + std::to_string(frame.junk_before) + " junk bytes before]";
-    if (!header.ok()) {
-      ++unreadable;
-      if (!brief) {
-        std::printf("%6lld  %-14s %8zu  header unreadable: %s%s\n",
-                    static_cast<long long>(frame.index), FrameReader::where(frame).c_str(),
-                    frame.size, header.error.c_str(), notes.c_str());
-      }
-      continue;
-    }
-    const std::string size = std::to_string(header.width) + "x" + std::to_string(header.height);
-    jpeg::FrameHeader layout;
-    jpeg::readFrameHeader(frame.data, frame.size, &layout);
-    const std::string sampling = layoutName(layout);
-    countInto(&layouts, size + " " + sofName(header.sof_marker) + " " + sampling);
-    countInto(&restarts, restartText(header) == "-" ? "none" : restartText(header));
-    countInto(&dht, header.has_dht ? "present" : "absent");
-    countInto(&qualities, qualityText(header));
-    const std::string decoder = decoderName(decodeFrame(frame.data, frame.size, choice, &image));
-    countInto(&decoders, decoder);
-    if (brief) continue;
-    std::printf("%6lld  %-14s %8zu  %-11s %-10s %-20s %-16s %-4s %-7s %-8s %s%s\n",
-                static_cast<long long>(frame.index), FrameReader::where(frame).c_str(), frame.size,
-                sofName(header.sof_marker).c_str(), size.c_str(), sampling.c_str(),
-                restartText(header).c_str(), header.has_dht ? "yes" : "no",
-                qualityText(header).c_str(), decoder.c_str(), joined(header.app_tags).c_str(),
-                notes.c_str());
-    if (tables) printTables(header);
+  I420Image image;
+  InfoSummary summary;
+  std::string read_error;
+  for (Frame frame; reader->nextOrStop(&frame, &read_error);) {
+    describeFrame(frame, choice, brief, tables, &image, &summary);
   }
-  junk += reader->trailingJunk();
-
-  std::printf("%s: %s, %lld frames\n", reader->path().c_str(), reader->kind().c_str(),
-              static_cast<long long>(frames));
-  if (!layouts.empty()) {
-    std::printf("  layout    %s\n", countsText(layouts).c_str());
-    std::printf("  restart   %s\n", countsText(restarts).c_str());
-    std::printf("  DHT       %s\n", countsText(dht).c_str());
-    std::printf("  quality   %s\n", countsText(qualities).c_str());
-    std::printf("  decoder   %s\n", countsText(decoders).c_str());
-  }
-  if (unreadable) std::printf("  unreadable headers: %lld\n", static_cast<long long>(unreadable));
-  if (cut_short) std::printf("  cut short: %lld\n", static_cast<long long>(cut_short));
-  if (junk)
-    std::printf("  junk bytes outside frames: %llu\n", static_cast<unsigned long long>(junk));
-  std::fflush(stdout);
-  if (!read_error.empty()) std::fprintf(stderr, "vidra-mjpeg: %s\n", read_error.c_str());
-  if (unreadable) {
-    std::fprintf(stderr, "vidra-mjpeg: %s: %lld of %lld frames have unreadable headers\n",
-                 reader->path().c_str(), static_cast<long long>(unreadable),
-                 static_cast<long long>(frames));
-  }
-  if (frames == 0) {
-    std::fprintf(stderr, "vidra-mjpeg: %s: no MJPEG frames in it\n", reader->path().c_str());
-    return kExitUsage;
-  }
-  return unreadable || !read_error.empty() ? kExitFrames : kExitOk;
+  summary.junk += reader->trailingJunk();
+  return printInfoSummary(*reader, summary, read_error);
 }
 
 }  // namespace tool
