@@ -43,7 +43,7 @@ Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.beg
 
 // The size an output takes: the most common one in the frame headers, ties to the size seen
 // first; sizes the tool refuses and frames without a size don't count.
-TEST(ToolSplitterTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
+TEST(ToolUsualSizeTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422), b = encodeTestFrame(32, 16, TJSAMP_420);
   const Bytes huge = claimingSize(a, 9000, 9000), sizeless = {0xFF, 0xD8, 0xFF, 0xD9};
   const struct {

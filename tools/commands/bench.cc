@@ -242,7 +242,7 @@ bool printGroup(const Group& group, const std::vector<DecoderKind>& kinds, bool 
       }
       if (c == 0 && m.fallback)
         std::snprintf(fallbacks, sizeof(fallbacks), "%d/%zu", m.fallback, group.frames.size());
-      char row[192];
+      char row[512];
       std::snprintf(row, sizeof(row), "  %-18s %7d %10s %9s %16s %8s %8s %8s",
                     c == 0 ? decoderName(kinds[d]) : "", thread_counts[c], speed, rate, ratio,
                     scaling, refused, fallbacks);
