@@ -162,7 +162,7 @@ std::string sizeText(int width, int height) {
   return std::to_string(width) + "x" + std::to_string(height);
 }
 
-// Decoding stopped because stand-in pictures outgrew the input.
+// Decoding stopped: pictures the input doesn't hold outgrew it (see countMadeUp).
 struct OutputLimitReached {
   std::string message;
 };

@@ -1,14 +1,15 @@
 #include "input/usual_size.h"
 
 #include "decoding/decoding.h"
-#include "input/jpeg_headers.h"
+#include "vidra/mjpeg.h"
 
 namespace vidra {
 namespace tool {
 
 void UsualSize::add(const uint8_t* data, size_t size) {
-  const JPEGHeaderInfo header = readJPEGHeader(data, size);
-  if (!header.has_sos || !frameSizeUsable(header.width, header.height)) return;
+  jpeg::FrameHeader header;
+  jpeg::readFrameHeader(data, size, &header);
+  if (!header.has_scan || !frameSizeUsable(header.width, header.height)) return;
   Seen& seen = sizes_[{header.width, header.height}];
   if (seen.count++ == 0) seen.first = frames_;
   ++frames_;

@@ -11,9 +11,11 @@ namespace tool {
 
 // Counts the sizes in frame headers and picks the most common one; of sizes equally common, the
 // one seen first, so that one damaged header can't decide it. Only frames whose header reaches a
-// scan count (a fragment of marker-like junk claims any size), and only sizes the tool decodes
-// (frameSizeUsable). The first kFrames such frames decide, so that a long input is not read
-// through twice before decoding starts; that many frames outvote a few damaged headers.
+// scan count (a fragment of marker-like junk claims any size; decode skips those as junk), and
+// only sizes the tool decodes (frameSizeUsable). Headers are read by the library
+// (vidra::jpeg::readFrameHeader), as decode reads them. The first kFrames such frames decide, so
+// that a long input is not read through twice before decoding starts; that many frames outvote a
+// few damaged headers.
 class UsualSize {
  public:
   static constexpr int64_t kFrames = 256;
