@@ -205,9 +205,10 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
         {"frame 2 (byte " + cut_at + ") is cut short", summary("cut short", 1),
          summary("decoded", 2)},
         out, {640, 480, 3});
-  check({"decode", huge, "-o", out}, 1, {},
+  check({"decode", huge, "-o", out, "-v"}, 1, {},
         {"frame 1 (byte " + std::to_string(frames[0].size()) +
              ") claims 60000x60000, more than this tool decodes",
+         "60000x60000 4:2:2 (2x1,1x1,1x1), " + std::to_string(frames[1].size()) + " bytes: refused",
          summary("refused", 1)},
         out, {640, 480, 2});
   check({"decode", mixed, "-o", out}, 1, {},
@@ -247,8 +248,8 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
 
   const ToolRun bench =
       check({"bench", corpusDir() + "/webcam-480p", junk, "--threads", "2", "--time", "0"}, 0,
-            {"webcam-480p: " + n + " frames, 640x480 4:2:2", "junk.mjpeg: 6 frames, 640x480",
-             "1.00x"},  // libjpeg-turbo against itself
+            {"webcam-480p: " + n + " frames, 640x480 4:2:2 (2x1,1x1,1x1), ",
+             "junk.mjpeg: 6 frames, 640x480", "1.00x"},  // libjpeg-turbo against itself
             {});
   for (const char* decoder : {"\n  vidra own decoder ", "\n  vidra turbo path ",
                               "\n  libjpeg-turbo ", "\n  FFmpeg mjpeg "}) {
