@@ -380,7 +380,7 @@ void DecodeRun::printSummary() const {
     std::fprintf(stderr, "  %-11s%8lld  %s\n", label, static_cast<long long>(count), text.c_str());
   };
   line("decoded", tally_.decoded,
-       !s_.choice.turbo && ownDecoderFast() && tally_.fallback == 0
+       tally_.turbo == 0 && tally_.fallback == 0
            ? "clean"
            : "clean, or accepted by TurboJPEG, which doesn't tell damaged frames apart");
   if (tally_.concealed) line("concealed", tally_.concealed, "accepted, damaged MCUs concealed");
@@ -396,14 +396,10 @@ void DecodeRun::printSummary() const {
   if (not_written_) line("not written", not_written_, "frames of another size than the output");
   double fps = 0, mps = 0;
   if (tally_.speed(&fps, &mps)) {
-    std::fprintf(stderr,
-                 "  speed      %.1f frames/s, %.1f MP/s in the %s (%lld frames%s; refused ones "
-                 "not counted)\n",
-                 fps, mps, decoderPathName(s_.choice).c_str(), static_cast<long long>(tally_.timed),
-                 tally_.fallback ? (", " + std::to_string(tally_.fallback) +
-                                    " of them by the TurboJPEG fallback")
-                                       .c_str()
-                                 : "");
+    std::fprintf(
+        stderr,
+        "  speed      %.1f frames/s, %.1f MP/s in %s (%lld frames; refused ones not counted)\n",
+        fps, mps, tally_.decodersText().c_str(), static_cast<long long>(tally_.timed));
   }
   if (writer_ != nullptr && writer_->frames() > 0) {
     std::fprintf(

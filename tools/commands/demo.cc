@@ -229,7 +229,8 @@ void decodeClip(const DemoSettings& s, const std::vector<std::vector<uint8_t>>& 
       // for the own decoder a damaged frame it accepted is marked as concealed.
       const Outcome own = paths[0].results[i].outcome;
       const bool concealed =
-          own == Outcome::kConcealed || (!ownDecoderFast() && !damage[i].empty());
+          own == Outcome::kConcealed || (paths[0].results[i].path == jpeg::DecodePath::kTurbo &&
+                                         own != Outcome::kRefused && !damage[i].empty());
       const ContactSheet::Mark mark = own == Outcome::kRefused  ? ContactSheet::Mark::kRefused
                                       : own == Outcome::kFailed ? ContactSheet::Mark::kFailed
                                       : concealed               ? ContactSheet::Mark::kConcealed

@@ -91,13 +91,6 @@ void printTables(const JPEGHeaderInfo& header) {
   }
 }
 
-// Which decoder took the frame (see kInfoHelp).
-std::string decoderName(const FrameResult& result) {
-  if (result.outcome == Outcome::kRefused) return "refused";
-  if (result.fallback) return "fallback";
-  return ownDecoderFast() ? "own" : "turbo";
-}
-
 void countInto(std::map<std::string, int64_t>* counts, const std::string& key) { ++(*counts)[key]; }
 
 std::string countsText(const std::map<std::string, int64_t>& counts) {

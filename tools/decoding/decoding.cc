@@ -82,6 +82,7 @@ FrameResult decodeFrame(const uint8_t* data, size_t size, const DecoderChoice& c
   jpeg::decodeFrame(data, size, width, height, image->y.data(), image->yStride(), image->u.data(),
                     cs, image->v.data(), cs, options, &report);
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.path = report.path;
   result.fallback = report.path == jpeg::DecodePath::kTurboFallback;
   result.valid_mcus = report.valid_mcus;
   result.total_mcus = report.total_mcus;
@@ -124,6 +125,7 @@ void OutcomeTally::add(const FrameResult& result) {
       return;
   }
   fallback += result.fallback;
+  turbo += result.path == jpeg::DecodePath::kTurbo;
   ++timed;
   seconds += result.seconds;
   pixels += static_cast<double>(result.header.width) * result.header.height;
@@ -141,9 +143,34 @@ bool ownDecoderFast() {
   return cpu.supports_fast_decoder();
 }
 
-std::string decoderPathName(const DecoderChoice& choice) {
-  if (choice.turbo) return "TurboJPEG path (--turbo)";
-  return ownDecoderFast() ? "library's own decoder" : "TurboJPEG path (no SSSE3/SSE4.1 here)";
+std::string OutcomeTally::decodersText() const {
+  const int64_t own = timed - turbo - fallback;
+  if (own == timed) return "the library's own decoder";
+  if (turbo == timed) return "the library's TurboJPEG path";
+  if (fallback == timed) return "the library's TurboJPEG fallback";
+  std::string text = "the library (";
+  if (own) text += std::to_string(own) + " own decoder";
+  if (turbo) text += std::string(own ? ", " : "") + std::to_string(turbo) + " TurboJPEG path";
+  if (fallback) {
+    text +=
+        std::string(own || turbo ? ", " : "") + std::to_string(fallback) + " TurboJPEG fallback";
+  }
+  return text + ")";
+}
+
+const char* decoderName(const FrameResult& result) {
+  if (result.outcome == Outcome::kRefused) return "refused";
+  switch (result.path) {
+    case jpeg::DecodePath::kOwn:
+      return "own";
+    case jpeg::DecodePath::kTurbo:
+      return "turbo";
+    case jpeg::DecodePath::kTurboFallback:
+      return "fallback";
+    case jpeg::DecodePath::kNone:
+      break;
+  }
+  return "?";
 }
 
 namespace {

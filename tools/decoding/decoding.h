@@ -35,11 +35,12 @@ struct DecoderChoice {
 
 struct FrameResult {
   Outcome outcome = Outcome::kRefused;
-  bool fallback = false;                   // decoded by the TurboJPEG fallback
-  jpeg::FrameHeader header;                // as read from the frame
-  bool sized = false;                      // the header gives a size
-  std::string reason;                      // why it was refused or failed; empty otherwise
-  double seconds = 0;                      // time inside the library (0 when refused before it)
+  jpeg::DecodePath path = jpeg::DecodePath::kNone;  // which decoder wrote the planes
+  bool fallback = false;     // path kTurboFallback: TurboJPEG after the own decoder refused
+  jpeg::FrameHeader header;  // as read from the frame
+  bool sized = false;        // the header gives a size
+  std::string reason;        // why it was refused or failed; empty otherwise
+  double seconds = 0;        // time inside the library (0 when refused before it)
   int32_t valid_mcus = 0, total_mcus = 0;  // own decoder only
 };
 
@@ -56,18 +57,24 @@ std::string layoutName(const jpeg::FrameHeader& header);
 // count towards speed (a damaged header may claim 8192x8192 and be refused in microseconds).
 struct OutcomeTally {
   int64_t decoded = 0, concealed = 0, failed = 0, refused = 0;
-  int64_t fallback = 0;  // of decoded, concealed and failed: by the TurboJPEG fallback
-  int64_t timed = 0;     // frames behind `seconds`
+  // Of decoded, concealed and failed: by the TurboJPEG path (asked for, or the library's choice
+  // on a CPU without SIMD), and by the TurboJPEG fallback.
+  int64_t turbo = 0, fallback = 0;
+  int64_t timed = 0;  // frames behind `seconds`
   double seconds = 0, pixels = 0;
 
   void add(const FrameResult& result);
   int64_t frames() const { return decoded + concealed + failed + refused; }
   // Frames per second and megapixels per second of the timed frames; false without any.
   bool speed(double* fps, double* mps) const;
+  // The decoders behind the timed frames: "the library's own decoder", "... TurboJPEG path",
+  // "... TurboJPEG fallback", or "the library (N own decoder, M TurboJPEG fallback)".
+  std::string decodersText() const;
 };
 
-// The library's name for the decoder a choice leads to on this CPU.
-std::string decoderPathName(const DecoderChoice& choice);
+// "own", "turbo", "fallback" for a frame that was decoded, "refused" for one that wasn't.
+const char* decoderName(const FrameResult& result);
+
 // True when the library's own decoder runs on this CPU with SIMD (SSSE3 and SSE4.1, not masked).
 bool ownDecoderFast();
 
