@@ -148,7 +148,7 @@ TEST(ToolCommandTest, DecodesCorpusFramesToY4M) {
     if (test.turbo) args.push_back("--turbo");
     check(args, 0, {},
           {test.file + ": JPEG file, 1 frames, " + size, summary("decoded", 1),
-           test.turbo ? "in the TurboJPEG path" : "frames/s"},
+           test.turbo ? "in the library's TurboJPEG path" : "frames/s"},
           out, {test.width, test.height, 1});
   }
 
