@@ -109,7 +109,8 @@ bool parseDecodeArgs(int argc, char** argv, int first, DecodeSettings* settings)
   args.option("png-file", 0, "FILE", "where --png writes (default: OUT or INPUT, -frameN.png)");
   args.option("fps", 0, "RATE", "frame rate for the Y4M header, e.g. 30 or 30000:1001",
               "the container's, else 30");
-  args.flag("unlimited-output", 0, "don't stop when made-up pictures outgrow the input");
+  args.flag("unlimited-output", 0,
+            "don't stop when stand-in and failed pictures outgrow the input");
   args.flag("verbose", 'v', "one line per frame, with the reasons for failures");
   args.flag("quiet", 'q', "no progress bar, no summary; errors only");
   args.epilog(kDecodeHelp);
