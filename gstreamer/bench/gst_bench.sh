@@ -8,14 +8,15 @@
 #
 #   gstreamer/bench/gst_bench.sh [BUILD_DIR] [REPEAT] [RUNS]
 #     BUILD_DIR  build tree with the plugin (default build/default)
-#     REPEAT     each stream is the folder's frames REPEAT times over (default 40)
+#     REPEAT     each stream is the folder's frames REPEAT times over (default 150: runs of a
+#                second or more, since shorter ones are at the mercy of other processes)
 #     RUNS       runs per pipeline, taking turns (default 3)
 #
 # Needs gstreamer1.0-tools, -plugins-good (jpegdec), -plugins-bad (jpegparse), -libav.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/../.." && pwd)"
 build="$(cd "${1:-$root/build/default}" && pwd)"
-repeat=${2:-40}
+repeat=${2:-150}
 runs=${3:-3}
 corpus="$root/../shared/corpus"
 if [ ! -d "$corpus/webcam-480p" ]; then
