@@ -4,14 +4,16 @@
 #   ./build.sh test   install what is missing, build, and run the whole test suite three times:
 #                     normally, under AddressSanitizer + UBSan, and with SIMD hidden; build the
 #                     Release configuration; then the concurrency tests under ThreadSanitizer
-#                     and a 60 s fuzzing run
+#                     and fuzzing runs (decoders 60 s, splitter 20 s)
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv)
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick
+          libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
+          pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv)
 
 install_deps() {
   local missing=()
@@ -72,6 +74,9 @@ case "${1:-demo}" in
     # A crash, a leak or an input that takes over 10 s ends the run with an error; the input is
     # kept in build/fuzz/artifacts/.
     ./build/fuzz/fuzz/decode_fuzzer -max_total_time=60 -timeout=10 -rss_limit_mb=4096 \
+      -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
+    echo "== fuzzing the stream splitter for 20 s =="
+    ./build/fuzz/fuzz/splitter_fuzzer -max_total_time=20 -timeout=10 -rss_limit_mb=4096 \
       -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
     # Last, so that the run closes on the test runner's summary.
     build asan

@@ -235,6 +235,50 @@ TEST(SplitterTest, CutsBytesFedInPiecesAsTheWholeBuffer) {
   EXPECT_TRUE(f.cut_short);
 }
 
+// Marker soup (SOIs, EOIs, SOS and table headers, segments whose lengths run over other markers,
+// fill bytes, zeros), fed in pieces of random sizes, cuts as the whole buffer; and data full of
+// plausible segments whose end lies behind the next SOI, the case that once made the cut
+// quadratic, cuts alike too.
+TEST(SplitterTest, CutsMarkerSoupAlikeInEveryForm) {
+  const Bytes pieces[] = {{0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x10},
+                          {0xFF, 0xD9},
+                          {0xFF, 0xC0, 0x00, 0x11},
+                          {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x00},
+                          {0xFF, 0xC4, 0xFF, 0xD9},
+                          {0xFF, 0xFF},
+                          {0xFF, 0xC1, 0x00, 0x06}};
+  std::mt19937 rng(3);
+  std::vector<Bytes> streams;
+  for (int round = 0; round < 300; ++round) {
+    Bytes data;
+    const size_t size = rng() % 3000;
+    while (data.size() < size) {
+      const size_t pick = rng() % 9;
+      if (pick < 7) data.insert(data.end(), pieces[pick].begin(), pieces[pick].end());
+      if (pick == 7) data.resize(data.size() + rng() % 20, 0x00);
+      if (pick == 8) data.push_back(static_cast<uint8_t>(rng()));
+    }
+    streams.push_back(data);
+  }
+  Bytes plausible;
+  while (plausible.size() < (200u << 10)) {
+    plausible.insert(plausible.end(),
+                     {0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00});
+    for (int i = 0; i < 24000; ++i) plausible.insert(plausible.end(), {0xFF, 0xC1, 0xFF, 0xFE});
+  }
+  streams.push_back(plausible);
+  for (const Bytes& data : streams) {
+    SCOPED_TRACE(std::to_string(data.size()) + " bytes");
+    size_t expected_trailing, trailing;
+    const std::vector<Row> expected = split(data, &expected_trailing);
+    for (const size_t piece : {size_t(1) + rng() % 7, size_t(1) + rng() % 5000}) {
+      EXPECT_EQ(splitFed(data, piece, jpeg::MJPEGStreamSplitter::kDefaultFrameLimit, &trailing),
+                expected);
+      EXPECT_EQ(trailing, expected_trailing);
+    }
+  }
+}
+
 // The C interface cuts as the C++ one: findFrame's three answers, and a stream fed in pieces.
 TEST(SplitterTest, CInterfaceCutsAsTheCppOne) {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);

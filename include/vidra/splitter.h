@@ -41,6 +41,7 @@ struct SplitFrame {
   // The end of the data decided the cut, or a test on the way to it: more bytes behind the data
   // may cut this frame elsewhere. False: the same bytes cut the same way whatever follows them.
   bool needs_more = false;
+  int32_t reserved[4] = {};  // room for later fields
 };
 
 enum class SplitStatus : uint8_t {
@@ -89,6 +90,7 @@ struct StreamFrame {
   uint64_t offset = 0;       // of its SOI, counted from the first byte fed
   uint64_t junk_before = 0;  // bytes skipped since the previous frame (or the start)
   bool cut_short = false;    // no EOI, or cut at the frame limit
+  int32_t reserved[4] = {};  // room for later fields
 };
 
 // Cuts bytes that arrive in pieces, exactly as MJPEGSplitter cuts them all at once, handing each

@@ -53,6 +53,7 @@ typedef struct vidra_mjpeg_split_frame {
   uint64_t junk_before; /* bytes skipped since the previous frame (or the start) */
   int32_t cut_short;    /* 1: no EOI (the data ended, the next frame began, or the frame limit) */
   int32_t needs_more;   /* find: 1 when more data behind could cut this frame elsewhere */
+  int32_t reserved[4];  /* zeroed; later versions may fill them */
 } vidra_mjpeg_split_frame;
 
 /* The first frame of `data` (`size` bytes; `end_of_input` 1 when no more will come, and then a

@@ -14,6 +14,7 @@ struct vidra_mjpeg_splitter {
 namespace {
 
 void toC(const vidra::jpeg::SplitFrame& in, vidra_mjpeg_split_frame* out) {
+  *out = vidra_mjpeg_split_frame{};
   out->offset = in.offset;
   out->size = in.size;
   out->junk_before = in.junk_before;
@@ -39,7 +40,11 @@ vidra_mjpeg_splitter* vidra_mjpeg_splitter_new(uint64_t frame_limit) {
   const size_t limit = frame_limit == 0 || frame_limit > SIZE_MAX
                            ? vidra::jpeg::MJPEGStreamSplitter::kDefaultFrameLimit
                            : static_cast<size_t>(frame_limit);
-  return new (std::nothrow) vidra_mjpeg_splitter(limit);
+  try {
+    return new vidra_mjpeg_splitter(limit);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 void vidra_mjpeg_splitter_free(vidra_mjpeg_splitter* splitter) { delete splitter; }
@@ -65,11 +70,11 @@ int vidra_mjpeg_splitter_next(vidra_mjpeg_splitter* splitter, const uint8_t** da
   if (!splitter->splitter.next(&found)) return 0;
   if (data != nullptr) *data = found.data;
   if (frame != nullptr) {
+    *frame = vidra_mjpeg_split_frame{};
     frame->offset = found.offset;
     frame->size = found.size;
     frame->junk_before = found.junk_before;
     frame->cut_short = found.cut_short;
-    frame->needs_more = 0;
   }
   return 1;
 }
