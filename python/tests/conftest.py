@@ -45,7 +45,7 @@ def ffmpeg_frame(tmp_path, size, pix_fmt, source="testsrc2", frames=1, suffix=".
 class _Report(ctypes.Structure):  # vidra_mjpeg_report, with room for its header (unread)
     _fields_ = [(name, ctypes.c_int32) for name in (
         "status", "path", "reason", "total_mcus", "valid_mcus")]
-    _fields_.append(("header", ctypes.c_uint8 * 128))
+    _fields_.append(("header", ctypes.c_uint8 * 256))
 
 
 class CInterface:
@@ -65,7 +65,8 @@ class CInterface:
         planes = np.zeros(vidra_mjpeg.i420_nbytes(w, h), np.uint8)
         y = planes.ctypes.data
         u, v = y + w * h, y + w * h + (w // 2) * (h // 2)
-        options, report = (ctypes.c_int32 * 3)(decoder, 1, 1), _Report()
+        # vidra_mjpeg_options: decoder, insert_dht, fallback, then reserved fields left zero.
+        options, report = (ctypes.c_int32 * 16)(decoder, 1, 1), _Report()
         self.lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h, ctypes.c_void_p(y), w,
                                     ctypes.c_void_p(u), w // 2, ctypes.c_void_p(v), w // 2,
                                     options, ctypes.byref(report))

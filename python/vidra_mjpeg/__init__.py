@@ -47,6 +47,7 @@ class Reason(enum.IntEnum):
     TRUNCATED = 8
     TOO_LARGE = 9
     TURBO_ERROR = 10
+    OUT_OF_MEMORY = 11  # the C interface's; here MemoryError is raised
 
     @property
     def text(self) -> str:
