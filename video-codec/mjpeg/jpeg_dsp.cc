@@ -12,6 +12,7 @@ void initDSPScalar(DSPFunctions* dsp) {
   dsp->resample422To420 = resample422To420_c;
   dsp->interpolateRange16 = interpolateRange16_c;
   dsp->reconstructBlock = reconstructBlock_c;
+  dsp->reconstructFullPair = reconstructFullPair_c;
   dsp->decodeMCUSpan = decodeMCUSpan_c;
 }
 
@@ -23,6 +24,10 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->interpolateRange16 = interpolateRange16_sse41;
   dsp->reconstructBlock = reconstructBlock_sse41;
   dsp->decodeMCUSpan = decodeMCUSpan_sse41;
+
+  if (!cpu.has_avx2()) return;
+  dsp->reconstructFullPair = reconstructFullPair_avx2;
+  dsp->decodeMCUSpan = decodeMCUSpan_avx2;
 #else
   (void)dsp;
   (void)cpu;

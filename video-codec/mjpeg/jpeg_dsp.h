@@ -1,10 +1,11 @@
 // Per-processor function table of the decoder's sample loops.
 //
-// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as a vector form for
-// SSSE3 + SSE4.1 (suffix _sse41) that gives the same bytes. The table that the library uses
-// is filled once from g_cpu_info_: the scalar forms first, then initDSPx86() replaces what the
-// processor allows and returns early when it allows nothing. The test harness builds both
-// tables and compares each vector form with its scalar twin.
+// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as vector forms by
+// level: SSSE3 + SSE4.1 (suffix _sse41), then AVX2 with BMI1 and BMI2 (suffix _avx2), each
+// giving the same bytes. The table that the library uses is filled once from g_cpu_info_: the
+// scalar forms first, then initDSPx86() upgrades it level by level as far as the processor
+// allows, returning at the first level it doesn't. The test harness builds the scalar and the
+// fullest table and compares each vector form with its scalar twin.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +29,11 @@ using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8
 // position_mask shows can only hold zeros.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
+// Reconstruction of two blocks that both take the full path (position_mask & 0xF6 nonzero):
+// (a, mask_a, dest_a, stride_a, b, mask_b, dest_b, stride_b). Writes a's block, then b's.
+using ReconstructPairFn = void (*)(const int16_t*, uint8_t, uint8_t*, int, const int16_t*, uint8_t,
+                                   uint8_t*, int);
+
 // The MCU kernel with one form of reconstruction built in: (coefficients, context), as
 // decode_mcu_span_sse2_64.
 using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*);
@@ -37,6 +43,7 @@ struct DSPFunctions {
   PlaneFn resample422To420;
   Interpolate16Fn interpolateRange16;
   ReconstructFn reconstructBlock;
+  ReconstructPairFn reconstructFullPair;
   DecodeSpanFn decodeMCUSpan;
 };
 
@@ -66,6 +73,8 @@ void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
                         uint8_t* dest, int stride);
+void reconstructFullPair_c(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
+                           const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
 int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context);
 
 #if defined(__x86_64__)
@@ -79,6 +88,11 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
 int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context);
+
+// Compiled with -mavx2 -mbmi -mbmi2.
+void reconstructFullPair_avx2(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
+                              const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context);
 #endif
 
 }  // namespace jpeg

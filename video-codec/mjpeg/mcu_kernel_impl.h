@@ -10,11 +10,13 @@
 //
 // A reconstruction form is a class whose object lives for one kernel call:
 //   Form();                 // loads its constants
-//   void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
-//                    uint8_t* dest, int stride);
+//   int16_t* reconstruct(int16_t* block, unsigned position_mask, unsigned last_position,
+//                        uint8_t* dest, int stride);
 //   void flush();           // writes whatever block it still holds
-// reconstruct() may hold a block back and write it later (the AVX2 form transforms two blocks
-// at once); the kernel calls flush() before it returns, on success and on failure.
+// reconstruct() returns the 16-byte aligned workspace for the next block, which the kernel
+// clears: `block` itself, or, when the form holds `block` back to write it later (the AVX2 form
+// transforms two blocks at once), a workspace of its own. The kernel calls flush() before it
+// returns, on success and on failure.
 #pragma once
 
 #include <cstdint>
@@ -236,7 +238,8 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
         }
       }
       const unsigned last_position = k;  // 0 exactly when the first AC symbol ended the block
-      reconstruction.reconstruct(coefficients, position_mask, last_position, dest, block->stride_);
+      coefficients = reconstruction.reconstruct(coefficients, position_mask, last_position, dest,
+                                                block->stride_);
       clearBlock(coefficients);
       ++block;
     } while (--blocks_left != 0);
