@@ -53,6 +53,8 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
+    echo "== tests with AVX2 hidden (VIDRA_CPU_MASK=noavx2) =="
+    ctest --preset noavx2
     build tsan
     echo "== concurrent decodes under ThreadSanitizer =="
     TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/hardening_test --gtest_filter='*Concurrent*'
