@@ -145,7 +145,7 @@ TEST(Checkasm_reconstruct, KernelForms) {
       context.mcu_x_ = static_cast<uint32_t>(i % 5);
       alignas(16) int16_t coefficients[64];
       const jpeg::DSPFunctions& form = f == 0 ? tables().scalar : tables().vector;
-      results[f] = form.decodeMCUSpan(coefficients, &context);
+      results[f] = form.decodeMCUSpan(coefficients, &context, nullptr);
     }
     ASSERT_EQ(results[0], results[1]) << "case " << i;
     decoded += results[0];

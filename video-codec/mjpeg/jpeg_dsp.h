@@ -13,6 +13,7 @@
 #include "vidra/cpu_info.h"
 
 struct MCUSpanContext;
+struct MCURowSplit;
 
 namespace vidra {
 namespace jpeg {
@@ -34,9 +35,9 @@ using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 using ReconstructPairFn = void (*)(const int16_t*, uint8_t, uint8_t*, int, const int16_t*, uint8_t,
                                    uint8_t*, int);
 
-// The MCU kernel with one form of reconstruction built in: (coefficients, context), as
-// decode_mcu_span_sse2_64.
-using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*);
+// The MCU kernel with one form of reconstruction built in: (coefficients, context, split), as
+// decode_mcu_span_sse2_64 with a row split (null: none).
+using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*, const MCURowSplit*);
 
 struct DSPFunctions {
   PlaneFn resample444To420;
@@ -75,7 +76,7 @@ void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint
                         uint8_t* dest, int stride);
 void reconstructFullPair_c(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
                            const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
-int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context);
+int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 
 #if defined(__x86_64__)
 // Vector forms, compiled with -mssse3 -msse4.1; call only where initDSPx86() allows them.
@@ -87,12 +88,12 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
                               const uint8_t* bottom);
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
-int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 
 // Compiled with -mavx2 -mbmi -mbmi2.
 void reconstructFullPair_avx2(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
                               const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
-int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 #endif
 
 }  // namespace jpeg

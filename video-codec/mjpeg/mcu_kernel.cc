@@ -24,7 +24,7 @@ const uint32_t kZigzagNatural[128] = {
 };
 
 extern "C" int decode_mcu_span_sse2_64(int16_t* coefficients, MCUSpanContext* context) {
-  return vidra::jpeg::dsp().decodeMCUSpan(coefficients, context);
+  return vidra::jpeg::dsp().decodeMCUSpan(coefficients, context, nullptr);
 }
 
 namespace vidra {
@@ -42,8 +42,8 @@ void reconstructFullPair_c(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, in
   reconstruction.write(b, mask_b, 63, dest_b, stride_b);
 }
 
-int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context) {
-  return decodeSpan<ScalarReconstruction>(coefficients, context);
+int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
+  return decodeSpan<ScalarReconstruction>(coefficients, context, split);
 }
 
 }  // namespace jpeg

@@ -15,8 +15,8 @@ void reconstructFullPair_avx2(const int16_t* a, uint8_t mask_a, uint8_t* dest_a,
                                 fullPathIn4x4(mask_a) && fullPathIn4x4(mask_b));
 }
 
-int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context) {
-  return decodeSpan<Avx2Reconstruction>(coefficients, context);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
+  return decodeSpan<Avx2Reconstruction>(coefficients, context, split);
 }
 
 }  // namespace jpeg

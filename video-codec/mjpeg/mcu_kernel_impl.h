@@ -126,7 +126,8 @@ VIDRA_ALWAYS_INLINE uint32_t resolveEntry(const uint32_t* table, uint32_t entry,
 // A link entry can only stand at the first level of a table. A link found in a sub-table (only
 // a table grown past the 16-bit link offsets could hold one there) is taken as a failure.
 template <typename Reconstruction>
-inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
+inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
+                      const MCURowSplit* split = nullptr) {
   const uintptr_t data_address = reinterpret_cast<uintptr_t>(context->data_);
   const uintptr_t end_address = reinterpret_cast<uintptr_t>(context->dest_);
   if (end_address < data_address || end_address - data_address < 8) return 0;
@@ -147,6 +148,8 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   const uint32_t mcus_per_row = context->mcus_per_row_;
   const uint32_t blocks_per_mcu = context->blocks_per_mcu_;
   const MCUBlock* const first_block = context->blocks_;
+  const MCUBlock* const split_block = split != nullptr ? split->blocks_ : first_block;
+  const uint32_t split_row = split != nullptr ? split->first_row_ : UINT32_MAX;
   uint32_t mcus_left = context->mcu_count_;
   uint32_t blocks_left = 0;
   uint8_t* dest = nullptr;
@@ -163,7 +166,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   const uint64_t refill = loadBigEndian64(data + (bit_position >> 3)) << (bit_position & 7)
 
   do {
-    const MCUBlock* block = first_block;
+    const MCUBlock* block = mcu_y < split_row ? first_block : split_block;
     blocks_left = blocks_per_mcu;
     do {
       dest = block->image_ + (mcu_x * static_cast<uint32_t>(block->mcu_width_)) +

@@ -13,8 +13,8 @@ void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
   Sse41Reconstruction().write(coefficients, position_mask, last_position, dest, stride);
 }
 
-int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context) {
-  return decodeSpan<Sse41Reconstruction>(coefficients, context);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
+  return decodeSpan<Sse41Reconstruction>(coefficients, context, split);
 }
 
 }  // namespace jpeg
