@@ -91,6 +91,10 @@ void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
 int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 
 // Compiled with -mavx2 -mbmi -mbmi2.
+void resample444To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+void resample422To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
 void reconstructFullPair_avx2(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
                               const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
 int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
