@@ -22,7 +22,9 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__SSE2__)
+#if defined(__AVX2__)
+#include <immintrin.h>
+#elif defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
@@ -49,7 +51,14 @@ inline uint64_t loadBigEndian64(const uint8_t* p) {
 // Clears the 64 values of the coefficient block (16-byte aligned). Written out store by store:
 // as a loop the compiler turns it into a memset call or a `rep stos`, both slow for 128 bytes.
 inline void clearBlock(int16_t* block) {
-#if defined(__SSE2__)
+#if defined(__AVX2__)
+  const __m256i zero = _mm256_setzero_si256();
+  __m256i* rows = reinterpret_cast<__m256i*>(block);
+  _mm256_storeu_si256(rows + 0, zero);
+  _mm256_storeu_si256(rows + 1, zero);
+  _mm256_storeu_si256(rows + 2, zero);
+  _mm256_storeu_si256(rows + 3, zero);
+#elif defined(__SSE2__)
   const __m128i zero = _mm_setzero_si128();
   __m128i* rows = reinterpret_cast<__m128i*>(block);
   _mm_store_si128(rows + 0, zero);
