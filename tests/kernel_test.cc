@@ -80,13 +80,11 @@ struct Handed {
 // A reconstruction form that only records; the kernel template instantiated with it shows
 // position_mask and last_position directly.
 struct RecordingReconstruction {
-  int16_t* reconstruct(int16_t* block, unsigned position_mask, unsigned last_position,
-                       uint8_t* dest, int) {
+  void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
+                   uint8_t* dest, int) {
     blocks.push_back({{}, position_mask, last_position, dest});
     std::memcpy(blocks.back().block.data(), block, sizeof(Handed::block));
-    return block;
   }
-  void flush() {}
   static inline std::vector<Handed> blocks;
 };
 

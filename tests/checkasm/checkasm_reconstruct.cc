@@ -76,31 +76,6 @@ TEST(Checkasm_reconstruct, Paths) {
       [&] { tables().vector.reconstructBlock(block.values, 0x3F, 63, plane, 64); });
 }
 
-// Pairs of full-path blocks, alone or in the 4x4 corner, through the paired form (two blocks
-// at once where the processor has AVX2): the same samples as two scalar calls, the first
-// block's rows written before the second's (the two blocks share the destination every third
-// round).
-TEST(Checkasm_reconstruct, FullPairs) {
-  CHECKASM_REQUIRE_VECTOR();
-  const unsigned masks[] = {0x3F, 0x1B, 0x12, 0x24, 0x3E};
-  for (int i = 0; i < 6000; ++i) {
-    const unsigned mask_a = masks[i % 5], mask_b = masks[i / 5 % 5];
-    const Block a = randomBlock(static_cast<Fill>(i % kFills), mask_a);
-    const Block b = randomBlock(static_cast<Fill>(i / 7 % kFills), mask_b);
-    // Side by side (stride 24), one above the other (stride 8), or on the same place.
-    const int stride = i % 2 ? 24 : 8;
-    const int width = stride == 8 ? 8 : 16, rows = stride == 8 ? 16 : 8;
-    GuardedPlane scalar(width, rows, stride), vector(width, rows, stride);
-    const int offset_b = i % 3 == 0 ? 0 : (stride == 8 ? 8 * 8 : 8);
-    tables().scalar.reconstructFullPair(a.values, mask_a, scalar.data(), stride, b.values, mask_b,
-                                        scalar.data() + offset_b, stride);
-    tables().vector.reconstructFullPair(a.values, mask_a, vector.data(), stride, b.values, mask_b,
-                                        vector.data() + offset_b, stride);
-    ASSERT_EQ(firstDifference(scalar.bytes, vector.bytes), -1) << "case " << i;
-    ASSERT_TRUE(vector.untouchedOutside());
-  }
-}
-
 // Random entropy data decoded by both kernel forms over the same guarded planes (a 2x1 luma
 // and two chroma blocks per MCU, 5 x 4 MCUs, the default tables): the same result and the
 // same samples. Every third case names the first chroma component twice, so that two blocks

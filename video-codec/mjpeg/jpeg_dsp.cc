@@ -12,7 +12,6 @@ void initDSPScalar(DSPFunctions* dsp) {
   dsp->resample422To420 = resample422To420_c;
   dsp->interpolateRange16 = interpolateRange16_c;
   dsp->reconstructBlock = reconstructBlock_c;
-  dsp->reconstructFullPair = reconstructFullPair_c;
   dsp->decodeMCUSpan = decodeMCUSpan_c;
 }
 
@@ -28,7 +27,6 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
   if (!cpu.has_avx2()) return;
   dsp->resample444To420 = resample444To420_avx2;
   dsp->resample422To420 = resample422To420_avx2;
-  dsp->reconstructFullPair = reconstructFullPair_avx2;
   dsp->decodeMCUSpan = decodeMCUSpan_avx2;
 #else
   (void)dsp;

@@ -30,11 +30,6 @@ using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8
 // position_mask shows can only hold zeros.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
-// Reconstruction of two blocks that both take the full path (position_mask & 0xF6 nonzero):
-// (a, mask_a, dest_a, stride_a, b, mask_b, dest_b, stride_b). Writes a's block, then b's.
-using ReconstructPairFn = void (*)(const int16_t*, uint8_t, uint8_t*, int, const int16_t*, uint8_t,
-                                   uint8_t*, int);
-
 // The MCU kernel with one form of reconstruction built in: (coefficients, context, split), as
 // decode_mcu_span_sse2_64 with a row split (null: none).
 using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*, const MCURowSplit*);
@@ -44,7 +39,6 @@ struct DSPFunctions {
   PlaneFn resample422To420;
   Interpolate16Fn interpolateRange16;
   ReconstructFn reconstructBlock;
-  ReconstructPairFn reconstructFullPair;
   DecodeSpanFn decodeMCUSpan;
 };
 
@@ -74,8 +68,6 @@ void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
                         uint8_t* dest, int stride);
-void reconstructFullPair_c(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
-                           const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
 int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 
 #if defined(__x86_64__)
@@ -95,8 +87,6 @@ void resample444To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int
                            int width, int height);
 void resample422To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                            int width, int height);
-void reconstructFullPair_avx2(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
-                              const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b);
 int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 #endif
 

@@ -32,14 +32,7 @@ namespace jpeg {
 
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
                         uint8_t* dest, int stride) {
-  ScalarReconstruction().write(coefficients, position_mask, last_position, dest, stride);
-}
-
-void reconstructFullPair_c(const int16_t* a, uint8_t mask_a, uint8_t* dest_a, int stride_a,
-                           const int16_t* b, uint8_t mask_b, uint8_t* dest_b, int stride_b) {
-  ScalarReconstruction reconstruction;
-  reconstruction.write(a, mask_a, 63, dest_a, stride_a);
-  reconstruction.write(b, mask_b, 63, dest_b, stride_b);
+  ScalarReconstruction().reconstruct(coefficients, position_mask, last_position, dest, stride);
 }
 
 int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {

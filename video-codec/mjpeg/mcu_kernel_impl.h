@@ -2,21 +2,17 @@
 //
 // The kernel is about symbols: it reads the entropy data, keeps the DC predictors, places each
 // block's coefficients and hands the block to a reconstruction form, one per instruction set
-// level in reconstruct_<level>.h (plain integer code, SSE4.1, AVX2). mcu_kernel<_level>.cc
-// instantiate it, each compiled for its level and called only where the CPU probe allows it.
+// level in reconstruct_<level>.h (plain integer code, SSE4.1). mcu_kernel<_level>.cc
+// instantiate it (the AVX2 file with the SSE4.1 form), each compiled for its level and called
+// only where the CPU probe allows it.
 // Everything in this header lives in an anonymous namespace: an inline definition shared
 // between files built for different instruction sets could let the linker keep the copy with
 // newer instructions for all of them.
 //
 // A reconstruction form is a class whose object lives for one kernel call:
 //   Form();                 // loads its constants
-//   int16_t* reconstruct(int16_t* block, unsigned position_mask, unsigned last_position,
-//                        uint8_t* dest, int stride);
-//   void flush();           // writes whatever block it still holds
-// reconstruct() returns the 16-byte aligned workspace for the next block, which the kernel
-// clears: `block` itself, or, when the form holds `block` back to write it later (the AVX2 form
-// transforms two blocks at once), a workspace of its own. The kernel calls flush() before it
-// returns, on success and on failure.
+//   void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
+//                    uint8_t* dest, int stride);
 #pragma once
 
 #include <cstdint>
@@ -250,8 +246,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
         }
       }
       const unsigned last_position = k;  // 0 exactly when the first AC symbol ended the block
-      coefficients = reconstruction.reconstruct(coefficients, position_mask, last_position, dest,
-                                                block->stride_);
+      reconstruction.reconstruct(coefficients, position_mask, last_position, dest, block->stride_);
       clearBlock(coefficients);
       ++block;
     } while (--blocks_left != 0);
@@ -265,7 +260,6 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
 #undef VIDRA_KERNEL_REFILL
 
 done:
-  reconstruction.flush();
   std::memcpy(context->dc_pred_, dc_pred, sizeof(dc_pred));
   context->mcu_x_ = mcu_x;
   context->mcu_y_ = mcu_y;

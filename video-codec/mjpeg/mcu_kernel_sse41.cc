@@ -10,7 +10,7 @@ namespace jpeg {
 
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride) {
-  Sse41Reconstruction().write(coefficients, position_mask, last_position, dest, stride);
+  Sse41Reconstruction().reconstruct(coefficients, position_mask, last_position, dest, stride);
 }
 
 int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {

@@ -74,8 +74,8 @@ void aanPass(const int16_t in[8], int16_t out[8]) {
 
 class ScalarReconstruction {
  public:
-  void write(const int16_t* block, unsigned position_mask, unsigned last_position, uint8_t* dest,
-             int stride) {
+  void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
+                   uint8_t* dest, int stride) {
     switch (blockPath(position_mask, last_position)) {
       case BlockPath::kFull:
         full(block, dest, stride);
@@ -88,13 +88,6 @@ class ScalarReconstruction {
         break;
     }
   }
-  // The kernel's side: writes the block at once.
-  int16_t* reconstruct(int16_t* block, unsigned position_mask, unsigned last_position,
-                       uint8_t* dest, int stride) {
-    write(block, position_mask, last_position, dest, stride);
-    return block;
-  }
-  void flush() {}
 
   // All 64 samples from the DC value alone.
   static void dc(int16_t c0, uint8_t* dest, int stride) {

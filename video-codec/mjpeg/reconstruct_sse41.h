@@ -58,8 +58,8 @@ class Sse41Reconstruction {
 
   // The full path is split once more: a block whose values all lie in rows 0..3 and columns
   // 0..3 skips the other 48 (see fullPathIn4x4).
-  VIDRA_ALWAYS_INLINE void write(const int16_t* block, unsigned position_mask,
-                                 unsigned last_position, uint8_t* dest, int stride) {
+  VIDRA_ALWAYS_INLINE void reconstruct(const int16_t* block, unsigned position_mask,
+                                       unsigned last_position, uint8_t* dest, int stride) {
     switch (blockPath(position_mask, last_position)) {
       case BlockPath::kFull:
         if (fullPathIn4x4(position_mask)) {
@@ -76,13 +76,6 @@ class Sse41Reconstruction {
         break;
     }
   }
-  // The kernel's side: writes the block at once.
-  int16_t* reconstruct(int16_t* block, unsigned position_mask, unsigned last_position,
-                       uint8_t* dest, int stride) {
-    write(block, position_mask, last_position, dest, stride);
-    return block;
-  }
-  void flush() {}
 
   VIDRA_ALWAYS_INLINE static void dc(const Constants&, int16_t c0, uint8_t* dest, int stride) {
     int value = c0 >> 5;
