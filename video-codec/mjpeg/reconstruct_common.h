@@ -39,10 +39,12 @@ inline BlockPath blockPath(unsigned position_mask, unsigned last_position) {
   return last_position == 0 ? BlockPath::kDC : BlockPath::kLowFrequency;
 }
 
-// Inside the full path: no stored index has bit 2 or bit 5 set, so all stores lie in rows 0..3
-// and columns 0..3 and the other 48 values are zero. The vector forms then skip them; adding or
-// subtracting a zero changes no 16-bit value, so the samples are the same.
-inline bool fullPathIn4x4(unsigned position_mask) { return (position_mask & 0x24) == 0; }
+// Inside the full path: no stored index has bit 5 set, so all stores lie in rows 0..3 and rows
+// 4..7 are zero; no stored index has bit 2 set, so all lie in columns 0..3 and columns 4..7 are
+// zero. The vector forms then skip those inputs of a pass; adding or subtracting a zero changes
+// no 16-bit value, so the samples are the same.
+inline bool inTopRows(unsigned position_mask) { return (position_mask & 0x20) == 0; }
+inline bool inLeftColumns(unsigned position_mask) { return (position_mask & 0x04) == 0; }
 
 }  // namespace
 

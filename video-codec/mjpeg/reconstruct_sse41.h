@@ -56,14 +56,20 @@ class Sse41Reconstruction {
 
   Sse41Reconstruction() : k_(load()) {}
 
-  // The full path is split once more: a block whose values all lie in rows 0..3 and columns
-  // 0..3 skips the other 48 (see fullPathIn4x4).
+  // The full path is split once more: a block whose values all lie in rows 0..3, or in
+  // columns 0..3, or both, skips the zero inputs of a pass (see inTopRows, inLeftColumns).
   VIDRA_ALWAYS_INLINE void reconstruct(const int16_t* block, unsigned position_mask,
                                        unsigned last_position, uint8_t* dest, int stride) {
     switch (blockPath(position_mask, last_position)) {
       case BlockPath::kFull:
-        if (fullPathIn4x4(position_mask)) {
-          full4x4(k_, block, dest, stride);
+        if (inTopRows(position_mask)) {
+          if (inLeftColumns(position_mask)) {
+            fullPart<true, true>(k_, block, dest, stride);
+          } else {
+            fullPart<true, false>(k_, block, dest, stride);
+          }
+        } else if (inLeftColumns(position_mask)) {
+          fullPart<false, true>(k_, block, dest, stride);
         } else {
           full(k_, block, dest, stride);
         }
@@ -211,28 +217,23 @@ class Sse41Reconstruction {
 
   VIDRA_ALWAYS_INLINE static void full(const Constants& k, const int16_t* block, uint8_t* dest,
                                        int stride) {
-    __m128i v[8];
-    for (int r = 0; r < 8; ++r) {
-      v[r] = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 8 * r));
-    }
-    aanPass(k, v);  // columns: lane c of v[r] is work[r][c]
-    transpose(v);   // lane r of v[c] is work[r][c]
-    aanPass(k, v);  // rows: lane r of v[x] is sample x of row r, before the final shift
-    storeSamples(k, v, dest, stride);
+    fullPart<false, false>(k, block, dest, stride);
   }
 
-  // full() for a block whose values outside rows 0..3 and columns 0..3 are all zero: pass 1
-  // has zero inputs 4..7 (rows 4..7) and gives zero in lanes 4..7 (columns 4..7), which are the
+  // The full transform, columns first. With `kTopRows`, rows 4..7 of the block are zero: pass 1
+  // has zero inputs 4..7 and isn't given them. With `kLeftColumns`, columns 4..7 are zero: pass
+  // 1 works lane by lane, so it gives zero in lanes 4..7, which after the transpose are the
   // inputs 4..7 of pass 2.
-  VIDRA_ALWAYS_INLINE static void full4x4(const Constants& k, const int16_t* block, uint8_t* dest,
-                                          int stride) {
+  template <bool kTopRows, bool kLeftColumns>
+  VIDRA_ALWAYS_INLINE static void fullPart(const Constants& k, const int16_t* block, uint8_t* dest,
+                                           int stride) {
     __m128i v[8];
-    for (int r = 0; r < 4; ++r) {
+    for (int r = 0; r < (kTopRows ? 4 : 8); ++r) {
       v[r] = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 8 * r));
     }
-    aanPass<true>(k, v);  // reads v[0..3], writes all eight
-    transpose(v);         // the second pass reads only v[0..3]: the compiler forms only those
-    aanPass<true>(k, v);
+    aanPass<kTopRows>(k, v);      // columns: lane c of v[r] is work[r][c]; writes all eight
+    transpose(v);                 // lane r of v[c] is work[r][c]
+    aanPass<kLeftColumns>(k, v);  // rows: lane r of v[x] is sample x of row r, before the shift
     storeSamples(k, v, dest, stride);
   }
 
