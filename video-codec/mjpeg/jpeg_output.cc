@@ -188,7 +188,7 @@ void SimpleJPEGDecoder::setUpDirectOutput() {
   int32_t mcu_rows = mcus_y_;
   for (int slot = 1; slot <= (chroma_copied ? 3 : 1); ++slot) {
     const Channel& channel = channels_[slot];
-    if (out.stride_[slot - 1] != channel.stride_) continue;
+    if (out.stride_[slot - 1] != channel.stride_ || c[slot].v1_ < 1) continue;
     bool named = false;
     for (const MCUBlock& block : mcu_blocks_) named |= block.component_ == slot;
     if (!named) continue;
