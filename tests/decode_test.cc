@@ -123,7 +123,7 @@ TEST(DecodeTest, DirectOutputChangesNothing) {
   std::vector<std::vector<uint8_t>> frames = {
       test::encodeTestFrame(101, 75, TJSAMP_420, 75, 1), test::encodeTestFrame(96, 40, TJSAMP_420),
       test::encodeTestFrame(64, 48, TJSAMP_444, 80, 1), test::encodeTestFrame(80, 24, TJSAMP_422)};
-  for (const char* folder : {"webcam-480p", "reftest", "damaged"}) {
+  for (const char* folder : {"webcam-480p", "webcam-720p", "reftest", "damaged"}) {
     for (const std::string& path : test::corpusFiles(folder))
       frames.push_back(test::readFile(path));
   }
