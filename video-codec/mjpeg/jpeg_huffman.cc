@@ -1,21 +1,11 @@
 // DHT segments and the two-level Huffman lookup tables.
 //
-// A table is one array of 32-bit entries: a first level indexed by the next 9 (AC) or 8 (DC)
-// bits of the stream, and sub-tables of 5 to 8 bits behind it for the longer codes. The kernel
-// knows nothing of the codes themselves, only these entry kinds (all other bits 0):
-//
-//   whole    11 0 value:13 length:8 run:8     code and value bits both fit the index;
-//                                              value is the finished, sign-extended number
-//   EOB      101 ............... eob_length:8  AC symbol 0
-//   fetch    100 . size:8 length:8 run:8       the code fits, its value bits don't
-//   link     01 .. level_bits:4 sub_bits:4 sub_offset:16
-//   empty    0                                 no code leads here: the kernel fails
-//
-// `length` and `eob_length` count the bits to consume at the entry's own level.
+// The entry format is described in huffman_entry.h.
 
 #include <algorithm>
 #include <cstring>
 
+#include "huffman_entry.h"
 #include "jpeg.h"
 #include "jpeg_check.h"
 
@@ -24,22 +14,10 @@ namespace jpeg {
 
 namespace {
 
-constexpr uint32_t kWholeEntry = 0xC0000000u;
-constexpr uint32_t kEndOfBlockEntry = 0xA0000000u;
-constexpr uint32_t kFetchEntry = 0x80000000u;
-constexpr uint32_t kLinkEntry = 0x40000000u;
-
 // Links hold the sub-table's array index in 16 bits, so a table must not grow beyond this.
 // It takes many redefinitions of one table in a frame (or one absurd definition) to get
 // there; such a frame is refused rather than left with links that point elsewhere.
 constexpr size_t kMaxHuffmanTableEntries = 65536;
-
-// EXTEND of ITU-T T.81: the `size` value bits `raw` as a signed number.
-int32_t extendValue(uint32_t raw, int size) {
-  if (size == 0) return 0;
-  if (raw >= (1u << (size - 1))) return static_cast<int32_t>(raw);
-  return static_cast<int32_t>(raw) + 1 - (1 << size);
-}
 
 }  // namespace
 
@@ -133,9 +111,9 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       entries_.resize(sub_offset + (size_t{1} << sub_bits), 0);
       buildTable(is_ac, codes, group_first, i, static_cast<int>(sub_offset),
                  prefix_bits + index_bits, sub_bits);
-      entries_[table_offset + group_slot] = kLinkEntry | static_cast<uint32_t>(index_bits) << 20 |
-                                            static_cast<uint32_t>(sub_bits) << 16 |
-                                            static_cast<uint32_t>(sub_offset & 0xFFFF);
+      entries_[table_offset + group_slot] =
+          linkEntry(static_cast<unsigned>(index_bits), static_cast<unsigned>(sub_bits),
+                    static_cast<uint32_t>(sub_offset));
       group_open = false;
     }
     if (end_record) break;
@@ -150,14 +128,13 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       uint32_t* out = entries_.data() + table_offset + base;
       if (is_ac && record.symbol == 0) {
         std::fill(out, out + (size_t{1} << spare),
-                  kEndOfBlockEntry | static_cast<uint32_t>(remaining));
+                  endOfBlockEntry(static_cast<unsigned>(remaining)));
       } else {
-        const uint32_t head = kWholeEntry | static_cast<uint32_t>(remaining + size) << 8 | run;
         const uint32_t value_mask = (1u << size) - 1;
         for (uint32_t j = 0; j < (1u << spare); ++j) {
           const uint32_t raw = ((base + j) >> (spare - size)) & value_mask;
-          const uint32_t value = static_cast<uint32_t>(extendValue(raw, size)) & 0x1FFF;
-          out[j] = head | value << 16;
+          out[j] = wholeEntry(static_cast<unsigned>(remaining + size), run,
+                              extendValue(raw, static_cast<unsigned>(size)));
         }
       }
     } else if (remaining > index_bits) {
@@ -176,8 +153,7 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       const int spare = index_bits - remaining;
       uint32_t* out = entries_.data() + table_offset + (suffix << spare);
       std::fill(out, out + (size_t{1} << spare),
-                kFetchEntry | static_cast<uint32_t>(size) << 16 |
-                    static_cast<uint32_t>(remaining) << 8 | run);
+                fetchEntry(static_cast<unsigned>(size), static_cast<unsigned>(remaining), run));
     }
   }
 }
