@@ -15,7 +15,6 @@
 
 namespace vidra {
 namespace jpeg {
-
 namespace {
 
 // 0xFF bytes behind every segment: the kernel reads them as a string of one-bits, which no

@@ -1,6 +1,28 @@
 // DHT segments and the two-level Huffman lookup tables.
 //
-// The entry format is described in huffman_entry.h.
+// parseDHT() reads the code lengths and symbols of each table of a segment and hands the
+// codes, in canonical order, to buildTable(). The entry format that the kernel reads is defined
+// in huffman_entry.h; this file makes entries only through its helpers.
+//
+// How buildTable() lays a table out:
+//   - The first level is indexed by the next 9 (AC) or 8 (DC) bits of the stream. A code that
+//     fits the index fills every slot that starts with it. When its value bits fit as well, the
+//     slots hold the finished, sign-extended value ("whole" entries); else they hold the code's
+//     length and the number of value bits to fetch ("fetch" entries).
+//   - Longer codes share their first index bits with others: each such group gets a sub-table
+//     of 5 to 8 bits behind the first level, built by the same function one level down, and
+//     the group's first-level slot links to it.
+//   - AC symbol 0 ends a block; its slots hold only the length to consume.
+//   - Slots that no code reaches stay 0, the empty entry at which the kernel fails a span.
+//
+// A segment is refused, and the frame with it, when a table runs past the segment's end, names
+// a class above 1 or a slot above 3, or would make its lookup table grow beyond
+// kMaxHuffmanTableEntries (links address sub-tables in 16 bits). A slot that a later segment
+// defines again is built again over its old entries: nothing is cleared, and entries that the
+// new codes don't reach keep what they held.
+//
+// The log lines of the checks below carry their source line numbers: a line added or removed
+// above a check changes what the decoder logs.
 
 #include <algorithm>
 #include <cstring>
