@@ -56,6 +56,8 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
+    echo "== tests with AVX2 hidden (VIDRA_CPU_MASK=noavx2) =="
+    ctest --preset noavx2
     echo "== Release build (-O3, warnings as errors) =="
     build release
     build tsan

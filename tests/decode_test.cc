@@ -115,6 +115,65 @@ TEST(DecodeTest, EncodedLayouts) {
     checkFrame(frame, 1);
 }
 
+// Rows decoded straight into the caller's planes (where its strides equal the decoder's) against
+// the decoder's own planes and a copy: the same result, bytes and log lines, whole corpus,
+// damaged and cut-off frames and refused sizes included, into planes that start out as a
+// sentinel and end exactly where the caller's rows end.
+TEST(DecodeTest, DirectOutputChangesNothing) {
+  std::vector<std::vector<uint8_t>> frames = {
+      test::encodeTestFrame(101, 75, TJSAMP_420, 75, 1), test::encodeTestFrame(96, 40, TJSAMP_420),
+      test::encodeTestFrame(64, 48, TJSAMP_444, 80, 1), test::encodeTestFrame(80, 24, TJSAMP_422)};
+  for (const char* folder : {"webcam-480p", "webcam-720p", "reftest", "damaged"}) {
+    for (const std::string& path : test::corpusFiles(folder))
+      frames.push_back(test::readFile(path));
+  }
+  // Cut-off frames whose failed spans are concealed from rows on both sides of the boundary.
+  const size_t count = frames.size();
+  for (size_t i = 0; i < count; ++i) {
+    for (size_t cut : {frames[i].size() / 3, frames[i].size() * 3 / 4}) {
+      frames.emplace_back(frames[i].begin(), frames[i].begin() + cut);
+    }
+  }
+  int direct = 0;
+  for (const std::vector<uint8_t>& frame : frames) {
+    int width = 0, height = 0;
+    if (!getJPEGImageSize(frame.data(), frame.size(), &width, &height)) continue;
+    SimpleJPEGDecoder probe;
+    test::Planes first(width, height);
+    probe.decompress(frame.data(), frame.size(), width, height, true, first.y.data(),
+                     first.y_stride, first.u.data(), first.uv_stride, first.v.data(),
+                     first.uv_stride);
+    for (int wrong = 0; wrong < 2; ++wrong) {
+      std::vector<test::Planes> planes;
+      std::vector<std::vector<test::LogLine>> logs;
+      bool ok[2];
+      for (int allow = 0; allow < 2; ++allow) {
+        planes.emplace_back(width, height, std::max(probe.channels_[1].stride_, 1),
+                            std::max(probe.channels_[2].stride_, 1));
+        test::Planes& p = planes.back();
+        test::LogCapture capture(8);
+        SimpleJPEGDecoder decoder;
+        decoder.allow_direct_output_ = allow == 1;
+        ok[allow] =
+            decoder.decompress(frame.data(), frame.size(), width + wrong, height, true, p.y.data(),
+                               p.y_stride, p.u.data(), p.uv_stride, p.v.data(), p.uv_stride);
+        direct += decoder.direct_rows_[1] > 0 || !decoder.direct_blocks_.empty();
+        logs.push_back(capture.lines());
+      }
+      EXPECT_EQ(ok[0], ok[1]);
+      EXPECT_TRUE(planes[0].y == planes[1].y && planes[0].u == planes[1].u &&
+                  planes[0].v == planes[1].v)
+          << frame.size() << " bytes, " << width << "x" << height;
+      ASSERT_EQ(logs[0].size(), logs[1].size());
+      for (size_t i = 0; i < logs[0].size(); ++i) {
+        EXPECT_EQ(logs[0][i].level, logs[1][i].level);
+        EXPECT_EQ(logs[0][i].text, logs[1][i].text);
+      }
+    }
+  }
+  EXPECT_GT(direct, 10) << "no frame went straight to the caller's planes";
+}
+
 }  // namespace
 }  // namespace jpeg
 }  // namespace vidra

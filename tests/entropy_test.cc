@@ -28,7 +28,7 @@ std::vector<Span> g_spans;
 // Fails a span whose segment is empty (as the real kernel does: the sentinel matches no code)
 // or starts with 0xEE, which stands for damage. Eight 0xFF bytes must close every segment, with
 // the readable end right behind them.
-int standInKernel(int16_t*, MCUSpanContext* context) {
+int standInKernel(int16_t*, MCUSpanContext* context, const MCURowSplit*) {
   const size_t total = static_cast<size_t>(context->dest_ - context->data_);
   g_spans.push_back({context->mcu_x_, context->mcu_y_, context->mcu_count_});
   g_segments.emplace_back();

@@ -80,10 +80,8 @@ struct Handed {
 // A reconstruction form that only records; the kernel template instantiated with it shows
 // position_mask and last_position directly.
 struct RecordingReconstruction {
-  struct Constants {};
-  static Constants load() { return {}; }
-  static void reconstruct(const Constants&, const int16_t* block, unsigned position_mask,
-                          unsigned last_position, uint8_t* dest, int) {
+  void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
+                   uint8_t* dest, int) {
     blocks.push_back({{}, position_mask, last_position, dest});
     std::memcpy(blocks.back().block.data(), block, sizeof(Handed::block));
   }

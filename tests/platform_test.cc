@@ -100,6 +100,10 @@ TEST(CpuInfoTest, MaskHidesFeatures) {
     EXPECT_FALSE(CPUInfo().supports_fast_decoder() || CPUInfo().has_sse41()) << mask;
   }
   EXPECT_FALSE(CPUInfo().has_ssse3());  // hidden by "nosimd" only
+  EXPECT_FALSE(CPUInfo().has_avx2());
+  setenv("VIDRA_CPU_MASK", "noavx2", 1);
+  const CPUInfo no_avx2;
+  EXPECT_FALSE(no_avx2.has_avx2());
   unsetenv("VIDRA_CPU_MASK");
   const CPUInfo plain;
 #if defined(__x86_64__)
@@ -107,6 +111,11 @@ TEST(CpuInfoTest, MaskHidesFeatures) {
   EXPECT_TRUE(!both || plain.supports_fast_decoder());
 #endif
   EXPECT_EQ(plain.supports_fast_decoder(), plain.has_ssse3() && plain.has_sse41());
+  EXPECT_EQ(no_avx2.supports_fast_decoder(), plain.supports_fast_decoder());
+#if defined(__x86_64__)
+  EXPECT_EQ(plain.has_avx2(), __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") &&
+                                  __builtin_cpu_supports("bmi2"));
+#endif
   if (saved) setenv("VIDRA_CPU_MASK", saved_value.c_str(), 1);
 }
 

@@ -372,6 +372,10 @@ TEST(FrameReportTest, LogsTheDecodersLinesUnchanged) {
   ffmpeg_422[sof + 14] = ffmpeg_422[sof + 17] = 0x12;
   const std::vector<uint8_t> cut(ffmpeg_422.begin(), ffmpeg_422.begin() + sof + 9);
   const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
+  std::vector<uint8_t> bad_table = good;
+  size_t dht = 2;
+  while (!(bad_table[dht] == 0xFF && bad_table[dht + 1] == 0xC4)) ++dht;
+  bad_table[dht + 4] = 0x20;  // table class 2
   const char* output_check =
       "144: JPEG assertion failed outputResults(width, height, y, y_stride, u, u_stride, v, "
       "v_stride)";
@@ -386,6 +390,9 @@ TEST(FrameReportTest, LogsTheDecodersLinesUnchanged) {
        48,
        {"162: JPEG assertion failed input->getLength16(&len)",
         "116: JPEG assertion failed parseSOF0(&input)"}},
+      {&bad_table,
+       48,
+       {"63: JPEG assertion failed tc < 2", "119: JPEG assertion failed parseDHT(&input)"}},
   };
   for (const Case& c : cases) {
     for (bool report : {false, true}) {

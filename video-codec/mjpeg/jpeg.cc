@@ -101,7 +101,7 @@ bool SimpleJPEGDecoder::decompress(const uint8_t* data, size_t size, int width, 
                                    int u_stride, uint8_t* v, int v_stride) {
   valid_mcus_ = 0;
   VIDRA_LOG(6, "mjpeg") << "Using simple jpeg decoder.";
-
+  caller_ = CallerPlanes{{y, u, v}, {y_stride, u_stride, v_stride}, width, height, data, size};
   JPEGBuffer input(data, size);
   JPEG_CHECK(input.consumeUint8(0xff) && input.consumeUint8(0xd8));
 
@@ -412,7 +412,7 @@ bool SimpleJPEGDecoder::parseSOS(JPEGBuffer* input) {
     if (named[i] || channel.image_ == nullptr) continue;
     std::memset(channel.image_, 0x80, static_cast<size_t>(channel.stride_) * channel.height_);
   }
-
+  setUpDirectOutput();
   size_t consumed_length = 0;
   // The check stands on one line, so that every compiler reports the same line number.
   // clang-format off

@@ -99,6 +99,28 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   bool outputResults(int width, int height, uint8_t* y, int y_stride, uint8_t* u, int u_stride,
                      uint8_t* v, int v_stride);
 
+  // Decoding straight into the caller's planes (jpeg_output.cc). Where the caller's stride of a
+  // plane equals the decoder's, outputResults() would move that plane with one block copy; the
+  // kernel can then write the MCU rows that lie wholly inside the frame straight to the caller
+  // and spare the copy. setUpDirectOutput(), called by parseSOS() before the entropy data,
+  // does so only when outputResults() will accept the frame (a refused frame leaves the
+  // caller's planes as they were) and the caller's planes and input don't overlap; the rows
+  // below stay in the decoder's planes and are copied as before. takeBackDirectRows() brings
+  // the rows back into the decoder's planes before concealment, which then sees its usual
+  // samples. Both do nothing unless decompress() has set caller_.
+  struct CallerPlanes {
+    uint8_t* plane_[3] = {};  // Y, U, V
+    int stride_[3] = {};
+    int width_ = 0;
+    int height_ = 0;
+    const uint8_t* data_ = nullptr;  // the input frame
+    size_t size_ = 0;
+  };
+  // Internal steps: not exported from the shared library.
+  __attribute__((visibility("hidden"))) bool outputAccepts(int width, int height) const;
+  __attribute__((visibility("hidden"))) void setUpDirectOutput();
+  __attribute__((visibility("hidden"))) void takeBackDirectRows();
+
   // The decoder's state is public so that tests can look at every stage.
   Header header_;
   QuantizationTable quantization_tables_[4];
@@ -119,6 +141,14 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   // When it is null, every non-null image_ is a new[] array of its own that the destructor
   // releases (planes set up channel by channel, as tests do).
   uint8_t* plane_block_ = nullptr;
+  CallerPlanes caller_;
+  bool allow_direct_output_ = true;  // tests turn it off to compare
+  // By slot (1 to 3): the rows of the plane that the kernel writes to caller_ instead (0: none).
+  int32_t direct_rows_[4] = {};
+  // The block list that sends those rows to caller_, and the MCU row from which mcu_blocks_
+  // takes over; empty when nothing goes straight to the caller.
+  std::vector<MCUBlock> direct_blocks_;
+  int32_t direct_mcu_rows_ = 0;
 };
 
 }  // namespace jpeg

@@ -93,6 +93,7 @@ void SimpleJPEGDecoder::fixBadMCUs() {
   // never reads past its end.
   if (mcus_x_ <= 0 || mcus_y_ <= 0) return;
   if (bad_mcus_.size() < static_cast<size_t>(mcus_x_) * static_cast<size_t>(mcus_y_)) return;
+  takeBackDirectRows();
 
   for (int mcu_x = 0; mcu_x < mcus_x_; ++mcu_x) {
     bool run_open = false;

@@ -23,6 +23,11 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->interpolateRange16 = interpolateRange16_sse41;
   dsp->reconstructBlock = reconstructBlock_sse41;
   dsp->decodeMCUSpan = decodeMCUSpan_sse41;
+
+  if (!cpu.has_avx2()) return;
+  dsp->resample444To420 = resample444To420_avx2;
+  dsp->resample422To420 = resample422To420_avx2;
+  dsp->decodeMCUSpan = decodeMCUSpan_avx2;
 #else
   (void)dsp;
   (void)cpu;

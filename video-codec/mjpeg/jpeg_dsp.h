@@ -1,10 +1,11 @@
 // Per-processor function table of the decoder's sample loops.
 //
-// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as a vector form for
-// SSSE3 + SSE4.1 (suffix _sse41) that gives the same bytes. The table that the library uses
-// is filled once from g_cpu_info_: the scalar forms first, then initDSPx86() replaces what the
-// processor allows and returns early when it allows nothing. The test harness builds both
-// tables and compares each vector form with its scalar twin.
+// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as vector forms by
+// level: SSSE3 + SSE4.1 (suffix _sse41), then AVX2 with BMI1 and BMI2 (suffix _avx2), each
+// giving the same bytes. The table that the library uses is filled once from g_cpu_info_: the
+// scalar forms first, then initDSPx86() upgrades it level by level as far as the processor
+// allows, returning at the first level it doesn't. The test harness builds the scalar and the
+// fullest table and compares each vector form with its scalar twin.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include "vidra/cpu_info.h"
 
 struct MCUSpanContext;
+struct MCURowSplit;
 
 namespace vidra {
 namespace jpeg {
@@ -28,9 +30,9 @@ using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8
 // position_mask shows can only hold zeros.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
-// The MCU kernel with one form of reconstruction built in: (coefficients, context), as
-// decode_mcu_span_sse2_64.
-using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*);
+// The MCU kernel with one form of reconstruction built in: (coefficients, context, split), as
+// decode_mcu_span_sse2_64 with a row split (null: none).
+using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*, const MCURowSplit*);
 
 struct DSPFunctions {
   PlaneFn resample444To420;
@@ -66,7 +68,7 @@ void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
                         uint8_t* dest, int stride);
-int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context);
+int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 
 #if defined(__x86_64__)
 // Vector forms, compiled with -mssse3 -msse4.1; call only where initDSPx86() allows them.
@@ -78,7 +80,14 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
                               const uint8_t* bottom);
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
-int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+
+// Compiled with -mavx2 -mbmi -mbmi2.
+void resample444To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+void resample422To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 #endif
 
 }  // namespace jpeg

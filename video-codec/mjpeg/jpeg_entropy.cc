@@ -9,12 +9,12 @@
 #include <memory>
 
 #include "jpeg.h"
+#include "jpeg_dsp.h"
 #include "mcu_kernel.h"
 #include "vidra/log.h"
 
 namespace vidra {
 namespace jpeg {
-
 namespace {
 
 // 0xFF bytes behind every segment: the kernel reads them as a string of one-bits, which no
@@ -40,6 +40,13 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
   MCUSpanContext context = {};
   context.mcus_per_row_ = static_cast<uint32_t>(mcus_x_);
   context.blocks_ = mcu_blocks_.data();
+  // Rows that go straight to the caller's planes: their block list first, then the decoder's.
+  MCURowSplit split = {mcu_blocks_.data(), static_cast<uint32_t>(direct_mcu_rows_)};
+  const MCURowSplit* row_split = nullptr;
+  if (!direct_blocks_.empty() && direct_blocks_.size() == mcu_blocks_.size()) {
+    context.blocks_ = direct_blocks_.data();
+    row_split = &split;
+  }
   context.blocks_per_mcu_ = static_cast<uint32_t>(mcu_blocks_.size());
   context.data_ = scratch.get();
 
@@ -104,8 +111,10 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
     context.dest_ = out + kSentinelBytes;
 
     // A scan without blocks can't be decoded: its spans count as bad without a kernel call.
-    const int decoded =
-        context.blocks_per_mcu_ != 0 ? decode_mcu_span_sse2_64(coefficients, &context) : 0;
+    const int decoded = context.blocks_per_mcu_ == 0 ? 0
+                        : row_split == nullptr
+                            ? decode_mcu_span_sse2_64(coefficients, &context)
+                            : dsp().decodeMCUSpan(coefficients, &context, row_split);
     if (decoded != 0) {
       valid_mcus_ += n;
     } else {

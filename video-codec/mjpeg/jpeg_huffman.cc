@@ -1,21 +1,33 @@
 // DHT segments and the two-level Huffman lookup tables.
 //
-// A table is one array of 32-bit entries: a first level indexed by the next 9 (AC) or 8 (DC)
-// bits of the stream, and sub-tables of 5 to 8 bits behind it for the longer codes. The kernel
-// knows nothing of the codes themselves, only these entry kinds (all other bits 0):
+// parseDHT() reads the code lengths and symbols of each table of a segment and hands the
+// codes, in canonical order, to buildTable(). The entry format that the kernel reads is defined
+// in huffman_entry.h; this file makes entries only through its helpers.
 //
-//   whole    11 0 value:13 length:8 run:8     code and value bits both fit the index;
-//                                              value is the finished, sign-extended number
-//   EOB      101 ............... eob_length:8  AC symbol 0
-//   fetch    100 . size:8 length:8 run:8       the code fits, its value bits don't
-//   link     01 .. level_bits:4 sub_bits:4 sub_offset:16
-//   empty    0                                 no code leads here: the kernel fails
+// How buildTable() lays a table out:
+//   - The first level is indexed by the next 9 (AC) or 8 (DC) bits of the stream. A code that
+//     fits the index fills every slot that starts with it. When its value bits fit as well, the
+//     slots hold the finished, sign-extended value ("whole" entries); else they hold the code's
+//     length and the number of value bits to fetch ("fetch" entries).
+//   - Longer codes share their first index bits with others: each such group gets a sub-table
+//     of 5 to 8 bits behind the first level, built by the same function one level down, and
+//     the group's first-level slot links to it.
+//   - AC symbol 0 ends a block; its slots hold only the length to consume.
+//   - Slots that no code reaches stay 0, the empty entry at which the kernel fails a span.
 //
-// `length` and `eob_length` count the bits to consume at the entry's own level.
+// A segment is refused, and the frame with it, when a table runs past the segment's end, names
+// a class above 1 or a slot above 3, or would make its lookup table grow beyond
+// kMaxHuffmanTableEntries (links address sub-tables in 16 bits). A slot that a later segment
+// defines again is built again over its old entries: nothing is cleared, and entries that the
+// new codes don't reach keep what they held.
+//
+// The log lines of the checks below carry their source line numbers: a line added or removed
+// above a check changes what the decoder logs.
 
 #include <algorithm>
 #include <cstring>
 
+#include "huffman_entry.h"
 #include "jpeg.h"
 #include "jpeg_check.h"
 
@@ -24,22 +36,10 @@ namespace jpeg {
 
 namespace {
 
-constexpr uint32_t kWholeEntry = 0xC0000000u;
-constexpr uint32_t kEndOfBlockEntry = 0xA0000000u;
-constexpr uint32_t kFetchEntry = 0x80000000u;
-constexpr uint32_t kLinkEntry = 0x40000000u;
-
 // Links hold the sub-table's array index in 16 bits, so a table must not grow beyond this.
 // It takes many redefinitions of one table in a frame (or one absurd definition) to get
 // there; such a frame is refused rather than left with links that point elsewhere.
 constexpr size_t kMaxHuffmanTableEntries = 65536;
-
-// EXTEND of ITU-T T.81: the `size` value bits `raw` as a signed number.
-int32_t extendValue(uint32_t raw, int size) {
-  if (size == 0) return 0;
-  if (raw >= (1u << (size - 1))) return static_cast<int32_t>(raw);
-  return static_cast<int32_t>(raw) + 1 - (1 << size);
-}
 
 }  // namespace
 
@@ -133,9 +133,9 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       entries_.resize(sub_offset + (size_t{1} << sub_bits), 0);
       buildTable(is_ac, codes, group_first, i, static_cast<int>(sub_offset),
                  prefix_bits + index_bits, sub_bits);
-      entries_[table_offset + group_slot] = kLinkEntry | static_cast<uint32_t>(index_bits) << 20 |
-                                            static_cast<uint32_t>(sub_bits) << 16 |
-                                            static_cast<uint32_t>(sub_offset & 0xFFFF);
+      entries_[table_offset + group_slot] =
+          linkEntry(static_cast<unsigned>(index_bits), static_cast<unsigned>(sub_bits),
+                    static_cast<uint32_t>(sub_offset));
       group_open = false;
     }
     if (end_record) break;
@@ -150,14 +150,13 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       uint32_t* out = entries_.data() + table_offset + base;
       if (is_ac && record.symbol == 0) {
         std::fill(out, out + (size_t{1} << spare),
-                  kEndOfBlockEntry | static_cast<uint32_t>(remaining));
+                  endOfBlockEntry(static_cast<unsigned>(remaining)));
       } else {
-        const uint32_t head = kWholeEntry | static_cast<uint32_t>(remaining + size) << 8 | run;
         const uint32_t value_mask = (1u << size) - 1;
         for (uint32_t j = 0; j < (1u << spare); ++j) {
           const uint32_t raw = ((base + j) >> (spare - size)) & value_mask;
-          const uint32_t value = static_cast<uint32_t>(extendValue(raw, size)) & 0x1FFF;
-          out[j] = head | value << 16;
+          out[j] = wholeEntry(static_cast<unsigned>(remaining + size), run,
+                              extendValue(raw, static_cast<unsigned>(size)));
         }
       }
     } else if (remaining > index_bits) {
@@ -176,8 +175,7 @@ void SimpleJPEGDecoder::ACHuffmanTable::buildTable(bool is_ac,
       const int spare = index_bits - remaining;
       uint32_t* out = entries_.data() + table_offset + (suffix << spare);
       std::fill(out, out + (size_t{1} << spare),
-                kFetchEntry | static_cast<uint32_t>(size) << 16 |
-                    static_cast<uint32_t>(remaining) << 8 | run);
+                fetchEntry(static_cast<unsigned>(size), static_cast<unsigned>(remaining), run));
     }
   }
 }

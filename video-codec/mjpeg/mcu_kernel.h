@@ -62,6 +62,15 @@ static_assert(offsetof(MCUSpanContext, blocks_left_) == 60);
 static_assert(offsetof(MCUSpanContext, mcus_left_) == 64);
 static_assert(sizeof(MCUSpanContext) == 72);
 
+// For the library's own use: from MCU row `first_row` on, the kernel takes its blocks from
+// `blocks` (as many as in the context's list) instead of the context's list. The decoder uses it
+// to send the rows that reach its caller straight to the caller's planes and the rows below to
+// its own.
+struct MCURowSplit {
+  const MCUBlock* blocks_;
+  uint32_t first_row_;
+};
+
 // Zigzag position to natural index; entries 64..127 are all 63 so that a run past the end of a
 // block lands harmlessly on index 63 (multiplied by a zero quantisation entry).
 extern const uint32_t kZigzagNatural[128];

@@ -1,65 +1,39 @@
 // The MCU kernel as a template over the form of block reconstruction.
 //
-// mcu_kernel.cc instantiates it with the plain integer reconstruction, mcu_kernel_sse41.cc with
-// the vector one (that file is compiled for SSSE3 + SSE4.1 and only runs where the CPU probe
-// allows it). Everything in this header lives in an anonymous namespace: the two files are
-// built for different instruction sets, and an inline definition shared between them could
-// let the linker keep the copy with SSE4.1 instructions for the scalar file as well.
+// The kernel is about symbols: it reads the entropy data, keeps the DC predictors, places each
+// block's coefficients and hands the block to a reconstruction form, one per instruction set
+// level in reconstruct_<level>.h (plain integer code, SSE4.1). mcu_kernel<_level>.cc
+// instantiate it (the AVX2 file with the SSE4.1 form), each compiled for its level and called
+// only where the CPU probe allows it.
+// Everything in this header lives in an anonymous namespace: an inline definition shared
+// between files built for different instruction sets could let the linker keep the copy with
+// newer instructions for all of them.
 //
-// A reconstruction form is a struct with
-//   struct Constants;             // vector constants, loaded once per kernel call
-//   static Constants load();
-//   static void reconstruct(const Constants&, const int16_t* block, unsigned position_mask,
-//                           unsigned last_position, uint8_t* dest, int stride);
-// The scalar form implements reconstruct() with reconstructWith() below, from three paths (the
-// vector form chooses the same way and splits the full path once more):
-//   static void dc(const Constants&, int16_t c0, uint8_t* dest, int stride);
-//   static void lowFrequency(const Constants&, const int16_t* block, uint8_t* dest, int stride);
-//   static void full(const Constants&, const int16_t* block, uint8_t* dest, int stride);
+// A reconstruction form is a class whose object lives for one kernel call:
+//   Form();                 // loads its constants
+//   void reconstruct(const int16_t* block, unsigned position_mask, unsigned last_position,
+//                    uint8_t* dest, int stride);
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 
-#if defined(__SSE2__)
+#if defined(__AVX2__)
+#include <immintrin.h>
+#elif defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
+#include "huffman_entry.h"
 #include "mcu_kernel.h"
 
+#ifndef VIDRA_ALWAYS_INLINE
 #define VIDRA_ALWAYS_INLINE inline __attribute__((always_inline))
+#endif
 
 namespace vidra {
 namespace jpeg {
 namespace {
-
-// ---- Lookup table entries ------------------------------------------------------------------
-// Told apart by unsigned comparison of the whole 32-bit entry.
-constexpr uint32_t kWholeEntry = 0xC0000000u;       // and above: code + value bits, finished
-constexpr uint32_t kEndOfBlockEntry = 0xA0000000u;  // .. 0xBFFFFFFF, AC tables only
-constexpr uint32_t kFetchEntry = 0x80000000u;       // .. 0x9FFFFFFF: value bits follow
-constexpr uint32_t kLinkEntry = 0x40000000u;        // .. 0x7FFFFFFF: code goes on in a sub-table
-                                                    // below: empty, no code matches
-
-constexpr unsigned kDCIndexBits = 8;
-constexpr unsigned kACIndexBits = 9;
-
-inline unsigned entryLength(uint32_t entry) { return (entry >> 8) & 0xFF; }
-inline unsigned entryRun(uint32_t entry) { return entry & 0xFF; }
-// Bits 23..16: the value bits of a fetch entry, 1..15.
-inline unsigned entrySize(uint32_t entry) { return (entry >> 16) & 15; }
-// Bits 28..16 of a whole entry: the value as 13-bit two's complement.
-inline int32_t entryValue(uint32_t entry) { return static_cast<int32_t>(entry << 3) >> 19; }
-inline unsigned linkOffset(uint32_t entry) { return entry & 0xFFFF; }
-inline unsigned linkBits(uint32_t entry) { return (entry >> 16) & 15; }
-
-// EXTEND of ITU T.81 F.2.2.1: `raw` holds `size` value bits; values below half the range are
-// negative. Size 0 gives 0.
-inline int32_t extendValue(uint32_t raw, unsigned size) {
-  const uint32_t half = (1u << size) >> 1;
-  return raw < half ? static_cast<int32_t>(raw) + 1 - static_cast<int32_t>(1u << size)
-                    : static_cast<int32_t>(raw);
-}
 
 inline uint64_t loadBigEndian64(const uint8_t* p) {
   uint64_t value;
@@ -73,7 +47,14 @@ inline uint64_t loadBigEndian64(const uint8_t* p) {
 // Clears the 64 values of the coefficient block (16-byte aligned). Written out store by store:
 // as a loop the compiler turns it into a memset call or a `rep stos`, both slow for 128 bytes.
 inline void clearBlock(int16_t* block) {
-#if defined(__SSE2__)
+#if defined(__AVX2__)
+  const __m256i zero = _mm256_setzero_si256();
+  __m256i* rows = reinterpret_cast<__m256i*>(block);
+  _mm256_storeu_si256(rows + 0, zero);
+  _mm256_storeu_si256(rows + 1, zero);
+  _mm256_storeu_si256(rows + 2, zero);
+  _mm256_storeu_si256(rows + 3, zero);
+#elif defined(__SSE2__)
   const __m128i zero = _mm_setzero_si128();
   __m128i* rows = reinterpret_cast<__m128i*>(block);
   _mm_store_si128(rows + 0, zero);
@@ -91,23 +72,6 @@ inline void clearBlock(int16_t* block) {
 
 inline int16_t wrapProduct(int32_t value, int16_t step) {
   return static_cast<int16_t>(static_cast<uint32_t>(value) * static_cast<uint32_t>(step));
-}
-
-// ---- Path selection ------------------------------------------------------------------------
-
-template <typename Reconstruction>
-VIDRA_ALWAYS_INLINE void reconstructWith(const typename Reconstruction::Constants& constants,
-                                         const int16_t* block, unsigned position_mask,
-                                         unsigned last_position, uint8_t* dest, int stride) {
-  // 0xF6 keeps every bit but those of 1 and 8: the test passes exactly when some stored AC value
-  // lies outside natural indices 1, 8 and 9.
-  if (position_mask & 0xF6) {
-    Reconstruction::full(constants, block, dest, stride);
-  } else if (last_position == 0) {
-    Reconstruction::dc(constants, block[0], dest, stride);
-  } else {
-    Reconstruction::lowFrequency(constants, block, dest, stride);
-  }
 }
 
 // ---- Symbols --------------------------------------------------------------------------------
@@ -167,7 +131,8 @@ VIDRA_ALWAYS_INLINE uint32_t resolveEntry(const uint32_t* table, uint32_t entry,
 // A link entry can only stand at the first level of a table. A link found in a sub-table (only
 // a table grown past the 16-bit link offsets could hold one there) is taken as a failure.
 template <typename Reconstruction>
-inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
+inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
+                      const MCURowSplit* split = nullptr) {
   const uintptr_t data_address = reinterpret_cast<uintptr_t>(context->data_);
   const uintptr_t end_address = reinterpret_cast<uintptr_t>(context->dest_);
   if (end_address < data_address || end_address - data_address < 8) return 0;
@@ -188,12 +153,14 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   const uint32_t mcus_per_row = context->mcus_per_row_;
   const uint32_t blocks_per_mcu = context->blocks_per_mcu_;
   const MCUBlock* const first_block = context->blocks_;
+  const MCUBlock* const split_block = split != nullptr ? split->blocks_ : first_block;
+  const uint32_t split_row = split != nullptr ? split->first_row_ : UINT32_MAX;
   uint32_t mcus_left = context->mcu_count_;
   uint32_t blocks_left = 0;
   uint8_t* dest = nullptr;
   int result = 0;
 
-  const typename Reconstruction::Constants constants = Reconstruction::load();
+  Reconstruction reconstruction;
 
   // The coefficient block is all zero at the start of every block: cleared here, and again
   // behind each block (eight vector stores cost less than a branch on which values it used).
@@ -204,7 +171,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
   const uint64_t refill = loadBigEndian64(data + (bit_position >> 3)) << (bit_position & 7)
 
   do {
-    const MCUBlock* block = first_block;
+    const MCUBlock* block = mcu_y < split_row ? first_block : split_block;
     blocks_left = blocks_per_mcu;
     do {
       dest = block->image_ + (mcu_x * static_cast<uint32_t>(block->mcu_width_)) +
@@ -259,8 +226,8 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
             unsigned skipped;
             entry = resolveEntry(table, entry, kACIndexBits, refill, &bits, &skipped);
             if (entry < kFetchEntry) goto done;
-            if ((entry >> 29) == (kEndOfBlockEntry >> 29)) {
-              consumed = skipped + (entry & 0xFF);  // eob_length
+            if (isEndOfBlock(entry)) {
+              consumed = skipped + endOfBlockLength(entry);
               bit_position += consumed;
               reservoir = refill << consumed;
               --k;
@@ -279,8 +246,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context) {
         }
       }
       const unsigned last_position = k;  // 0 exactly when the first AC symbol ended the block
-      Reconstruction::reconstruct(constants, coefficients, position_mask, last_position, dest,
-                                  block->stride_);
+      reconstruction.reconstruct(coefficients, position_mask, last_position, dest, block->stride_);
       clearBlock(coefficients);
       ++block;
     } while (--blocks_left != 0);

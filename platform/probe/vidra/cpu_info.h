@@ -5,6 +5,7 @@
 // older processor: a comma-separated list of
 //   nossse3   hide SSSE3
 //   nosse41   hide SSE4.1 (also accepted: nosse4.1)
+//   noavx2    hide AVX2 (reported together with BMI1 and BMI2)
 //   nosimd    hide every vector extension this probe reports
 // On processors other than x86-64 every feature reads as absent.
 #pragma once
@@ -28,6 +29,8 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   bool supports_fast_decoder() const { return ssse3_ && sse41_; }
   bool has_ssse3() const { return ssse3_; }
   bool has_sse41() const { return sse41_; }
+  // AVX2, BMI1 and BMI2 together, with the operating system saving the 256-bit registers.
+  bool has_avx2() const { return avx2_; }
 
   // The processor's brand string, e.g. "Intel(R) Core(TM) i7-...", empty where unknown.
   const std::string& brand() const { return brand_; }
@@ -36,6 +39,7 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   std::string brand_;
   bool ssse3_ = false;
   bool sse41_ = false;
+  bool avx2_ = false;
 };
 
 }  // namespace vidra
