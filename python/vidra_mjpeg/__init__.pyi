@@ -1,10 +1,15 @@
 import enum
 import logging
+import sys
 from typing import BinaryIO, Iterator, Literal, NamedTuple, Optional, Union
 
 import numpy as np
 import numpy.typing as npt
-from typing_extensions import Buffer
+
+if sys.version_info >= (3, 12):
+    from collections.abc import Buffer
+else:
+    from typing_extensions import Buffer
 
 logger: logging.Logger
 
