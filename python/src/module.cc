@@ -45,7 +45,11 @@ void bufferingSink(void* /*user*/, int level, const char* channel, const char* f
                    const char* text) {
   if (t_pending.size() >= kMaxPendingRecords) return;
   const char* slash = std::strrchr(file, '/');
-  t_pending.push_back({level, channel, slash ? slash + 1 : file, line, text});
+  try {
+    t_pending.push_back({level, channel, slash ? slash + 1 : file, line, text});
+  } catch (...) {
+    // Out of memory: the line is lost rather than thrown through the library's C callers.
+  }
 }
 
 // The Python callable that receives (level, channel, file, line, text); never destroyed, so
