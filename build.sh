@@ -1,21 +1,25 @@
 #!/usr/bin/env bash
 # One entry point for people and CI.
 #   ./build.sh demo   install what is missing, build, and run the built-in demo
-#   ./build.sh test   install what is missing, build, and run the whole test suite three times:
-#                     normally, under AddressSanitizer + UBSan, and with SIMD hidden; build the
-#                     Release configuration; then the concurrency tests under ThreadSanitizer
-#                     and a 60 s fuzzing run
+#   ./build.sh test   install what is missing, build, and run the whole test suite: normally,
+#                     with SIMD hidden, and under AddressSanitizer + UBSan; build the library
+#                     and its tests for aarch64 and run them under qemu-aarch64, with NEON and
+#                     with NEON hidden; build the Release configuration; then the concurrency
+#                     tests under ThreadSanitizer and a 60 s fuzzing run
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick)
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick
+          g++-aarch64-linux-gnu qemu-user)
+# For the aarch64 cross build: the arm64 packages of multiarch, next to the native ones.
+ARM64_PACKAGES=(libturbojpeg0-dev:arm64 libjpeg62-turbo-dev:arm64 libgtest-dev:arm64)
 
 install_deps() {
   local missing=()
-  for package in "${PACKAGES[@]}"; do
+  for package in "${PACKAGES[@]}" "${ARM64_PACKAGES[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
       missing+=("$package")
   done
@@ -28,6 +32,12 @@ install_deps() {
       exit 1
     fi
     sudo=(sudo)
+  fi
+  # arm64 packages install only once dpkg knows the architecture; the update below then
+  # fetches its package lists.
+  if [[ " ${missing[*]}" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64
+  then
+    "${sudo[@]}" dpkg --add-architecture arm64
   fi
   "${sudo[@]}" apt-get update -qq
   DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq "${missing[@]}"
@@ -54,6 +64,11 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
+    build aarch64
+    echo "== tests built for aarch64, under qemu-aarch64 =="
+    ctest --preset aarch64
+    echo "== tests built for aarch64 with NEON hidden (VIDRA_CPU_MASK=noneon) =="
+    ctest --preset aarch64-scalar
     echo "== Release build (-O3, warnings as errors) =="
     build release
     build tsan
