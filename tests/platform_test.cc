@@ -100,11 +100,21 @@ TEST(CpuInfoTest, MaskHidesFeatures) {
     EXPECT_FALSE(CPUInfo().supports_fast_decoder() || CPUInfo().has_sse41()) << mask;
   }
   EXPECT_FALSE(CPUInfo().has_ssse3());  // hidden by "nosimd" only
+  for (const char* mask : {"noneon", "nosse41,noneon", "nosimd"}) {
+    setenv("VIDRA_CPU_MASK", mask, 1);
+    EXPECT_FALSE(CPUInfo().has_neon()) << mask;
+  }
   unsetenv("VIDRA_CPU_MASK");
   const CPUInfo plain;
 #if defined(__x86_64__)
   const bool both = __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("sse4.1");
   EXPECT_TRUE(!both || plain.supports_fast_decoder());
+#endif
+  // Every aarch64 processor has NEON; no other has it.
+#if defined(__aarch64__)
+  EXPECT_TRUE(plain.has_neon());
+#else
+  EXPECT_FALSE(plain.has_neon());
 #endif
   EXPECT_EQ(plain.supports_fast_decoder(), plain.has_ssse3() && plain.has_sse41());
   if (saved) setenv("VIDRA_CPU_MASK", saved_value.c_str(), 1);

@@ -13,7 +13,7 @@ namespace vidra {
 namespace {
 
 // Applies VIDRA_CPU_MASK; unknown words are ignored.
-void applyMask(bool* ssse3, bool* sse41) {
+void applyMask(bool* ssse3, bool* sse41, bool* neon) {
   const char* mask = std::getenv("VIDRA_CPU_MASK");
   if (mask == nullptr) return;
   std::stringstream words(mask);
@@ -23,9 +23,12 @@ void applyMask(bool* ssse3, bool* sse41) {
       *ssse3 = false;
     } else if (word == "nosse41" || word == "nosse4.1") {
       *sse41 = false;
+    } else if (word == "noneon") {
+      *neon = false;
     } else if (word == "nosimd") {
       *ssse3 = false;
       *sse41 = false;
+      *neon = false;
     }
   }
 }
@@ -52,7 +55,11 @@ CPUInfo::CPUInfo() {
     brand_ = first == std::string::npos ? std::string() : brand_.substr(first);
   }
 #endif
-  applyMask(&ssse3_, &sse41_);
+#if defined(__aarch64__)
+  // Advanced SIMD is a mandatory part of the architecture.
+  neon_ = true;
+#endif
+  applyMask(&ssse3_, &sse41_, &neon_);
 }
 
 CPUInfo::~CPUInfo() = default;

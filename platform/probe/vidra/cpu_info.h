@@ -5,8 +5,10 @@
 // older processor: a comma-separated list of
 //   nossse3   hide SSSE3
 //   nosse41   hide SSE4.1 (also accepted: nosse4.1)
+//   noneon    hide NEON
 //   nosimd    hide every vector extension this probe reports
-// On processors other than x86-64 every feature reads as absent.
+// The x86 features read as absent on other processors, NEON everywhere but on aarch64, where
+// every processor has it.
 #pragma once
 
 #include <string>
@@ -28,6 +30,8 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   bool supports_fast_decoder() const { return ssse3_ && sse41_; }
   bool has_ssse3() const { return ssse3_; }
   bool has_sse41() const { return sse41_; }
+  // Advanced SIMD of aarch64 (and the mask doesn't hide it).
+  bool has_neon() const { return neon_; }
 
   // The processor's brand string, e.g. "Intel(R) Core(TM) i7-...", empty where unknown.
   const std::string& brand() const { return brand_; }
@@ -36,6 +40,7 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   std::string brand_;
   bool ssse3_ = false;
   bool sse41_ = false;
+  bool neon_ = false;
 };
 
 }  // namespace vidra
