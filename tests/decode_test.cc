@@ -68,6 +68,7 @@ void checkFrame(const std::vector<uint8_t>& frame, int expect) {
   initDSPScalar(&forms[0]);
   forms[1] = forms[0];
   initDSPx86(&forms[1], g_cpu_info_);
+  initDSPArm(&forms[1], g_cpu_info_);
   std::vector<test::Planes> pictures(2, test::Planes(width, height));
   bool ok[2];
   for (int i = 0; i < 2; ++i) {

@@ -1,10 +1,11 @@
 // Per-processor function table of the decoder's sample loops.
 //
-// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as a vector form for
-// SSSE3 + SSE4.1 (suffix _sse41) that gives the same bytes. The table that the library uses
-// is filled once from g_cpu_info_: the scalar forms first, then initDSPx86() replaces what the
-// processor allows and returns early when it allows nothing. The test harness builds both
-// tables and compares each vector form with its scalar twin.
+// Every loop exists as a plain scalar form (suffix _c) and as vector forms that give the same
+// bytes: on x86-64 for SSSE3 + SSE4.1 (suffix _sse41), on aarch64 for NEON (suffix _neon). The
+// table that the library uses is filled once from g_cpu_info_: the scalar forms first, then
+// initDSPx86() and initDSPArm() replace what the processor allows and return early when it
+// allows nothing. The test harness builds both tables and compares each vector form with its
+// scalar twin.
 #pragma once
 
 #include <cstdint>
@@ -42,8 +43,10 @@ struct DSPFunctions {
 
 // Fills `dsp` with the scalar forms.
 void initDSPScalar(DSPFunctions* dsp);
-// Replaces entries by vector forms where `cpu` allows them.
+// Replace entries by vector forms where `cpu` allows them; each does nothing on the other
+// processor family.
 void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu);
+void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu);
 // The table for this process, from g_cpu_info_.
 const DSPFunctions& dsp();
 // Tests only: makes dsp() return `functions` (null: the probed table again), so that a test
@@ -79,6 +82,14 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
 int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context);
+#endif
+
+#if defined(__aarch64__)
+// NEON forms; call only where initDSPArm() allows them.
+void resample444To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+void resample422To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
 #endif
 
 }  // namespace jpeg
