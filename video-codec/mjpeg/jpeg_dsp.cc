@@ -34,6 +34,7 @@ void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu) {
   if (!cpu.has_neon()) return;
   dsp->resample444To420 = resample444To420_neon;
   dsp->resample422To420 = resample422To420_neon;
+  dsp->interpolateRange16 = interpolateRange16_neon;
 #else
   (void)dsp;
   (void)cpu;

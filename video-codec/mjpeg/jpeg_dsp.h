@@ -90,6 +90,8 @@ void resample444To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int
                            int width, int height);
 void resample422To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                            int width, int height);
+void interpolateRange16_neon(uint8_t* dest, int h, int stride, const uint8_t* top,
+                             const uint8_t* bottom);
 #endif
 
 }  // namespace jpeg
