@@ -35,6 +35,8 @@ void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->resample444To420 = resample444To420_neon;
   dsp->resample422To420 = resample422To420_neon;
   dsp->interpolateRange16 = interpolateRange16_neon;
+  dsp->reconstructBlock = reconstructBlock_neon;
+  dsp->decodeMCUSpan = decodeMCUSpan_neon;
 #else
   (void)dsp;
   (void)cpu;

@@ -92,6 +92,9 @@ void resample422To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int
                            int width, int height);
 void interpolateRange16_neon(uint8_t* dest, int h, int stride, const uint8_t* top,
                              const uint8_t* bottom);
+void reconstructBlock_neon(const int16_t* coefficients, uint8_t position_mask,
+                           uint8_t last_position, uint8_t* dest, int stride);
+int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context);
 #endif
 
 }  // namespace jpeg
