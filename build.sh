@@ -2,20 +2,28 @@
 # One entry point for people and CI.
 #   ./build.sh demo   install what is missing, build, and run the built-in demo
 #   ./build.sh test   install what is missing, build, and run the whole test suite: normally,
-#                     with SIMD hidden, and under AddressSanitizer + UBSan; build the library
-#                     and its tests for aarch64 and run them under qemu-aarch64, with NEON and
-#                     with NEON hidden; build the Release configuration; then the concurrency
-#                     tests under ThreadSanitizer and a 60 s fuzzing run
+#                     with SIMD hidden, and under AddressSanitizer + UBSan; on x86-64 hosts
+#                     also build the library and its tests for aarch64 and run them under
+#                     qemu-aarch64, with NEON and with NEON hidden; build the Release
+#                     configuration; then the concurrency tests under ThreadSanitizer and a
+#                     60 s fuzzing run
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick
-          g++-aarch64-linux-gnu qemu-user)
-# For the aarch64 cross build: the arm64 packages of multiarch, next to the native ones.
-ARM64_PACKAGES=(libturbojpeg0-dev:arm64 libjpeg62-turbo-dev:arm64 libgtest-dev:arm64)
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick)
+# On x86-64 the suite is also built for aarch64 and run under qemu-aarch64: the cross compiler,
+# qemu, and the arm64 packages of multiarch next to the native ones. (On an arm64 host the
+# native build is that build.)
+ARM64_PACKAGES=()
+CROSS_AARCH64=false
+if [ "$(dpkg --print-architecture)" = amd64 ]; then
+  CROSS_AARCH64=true
+  PACKAGES+=(g++-aarch64-linux-gnu qemu-user)
+  ARM64_PACKAGES=(libturbojpeg0-dev:arm64 libjpeg62-turbo-dev:arm64 libgtest-dev:arm64)
+fi
 
 install_deps() {
   local missing=()
@@ -64,11 +72,13 @@ case "${1:-demo}" in
     ctest --preset default
     echo "== tests with SIMD hidden (VIDRA_CPU_MASK=nosimd) =="
     ctest --preset scalar
-    build aarch64
-    echo "== tests built for aarch64, under qemu-aarch64 =="
-    ctest --preset aarch64
-    echo "== tests built for aarch64 with NEON hidden (VIDRA_CPU_MASK=noneon) =="
-    ctest --preset aarch64-scalar
+    if $CROSS_AARCH64; then
+      build aarch64
+      echo "== tests built for aarch64, under qemu-aarch64 =="
+      ctest --preset aarch64
+      echo "== tests built for aarch64 with NEON hidden (VIDRA_CPU_MASK=noneon) =="
+      ctest --preset aarch64-scalar
+    fi
     echo "== Release build (-O3, warnings as errors) =="
     build release
     build tsan
