@@ -5,8 +5,8 @@
 #                     with SIMD hidden, and under AddressSanitizer + UBSan; on x86-64 hosts
 #                     also build the library and its tests for aarch64 and run them under
 #                     qemu-aarch64, with NEON and with NEON hidden; build the Release
-#                     configuration; then the concurrency tests under ThreadSanitizer and a
-#                     60 s fuzzing run
+#                     configuration; then the concurrency tests under ThreadSanitizer and
+#                     fuzzing runs (decoders 60 s, splitter 20 s)
 #   ./build.sh deps   only install the Debian packages the build needs
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -97,6 +97,9 @@ case "${1:-demo}" in
     # A crash, a leak or an input that takes over 10 s ends the run with an error; the input is
     # kept in build/fuzz/artifacts/.
     ./build/fuzz/fuzz/decode_fuzzer -max_total_time=60 -timeout=10 -rss_limit_mb=4096 \
+      -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
+    echo "== fuzzing the stream splitter for 20 s =="
+    ./build/fuzz/fuzz/splitter_fuzzer -max_total_time=20 -timeout=10 -rss_limit_mb=4096 \
       -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$fuzz_corpus"
     # Last, so that the run closes on the test runner's summary.
     build asan

@@ -69,5 +69,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                width / 2, v.data(), width / 2, options, &report);
     }
   }
+  // Planes that the arguments check must refuse: missing chroma, a stride shorter than a row.
+  vidra::jpeg::FrameReport report;
+  vidra::jpeg::decodeFrame(frame.get(), size, width, height, y.data(), width, nullptr, 8, nullptr,
+                           8, vidra::jpeg::DecodeOptions(), &report);
+  vidra::jpeg::decodeFrame(frame.get(), size, width, height, y.data(), width - 1, u.data(),
+                           width / 2, v.data(), width / 2, vidra::jpeg::DecodeOptions(), &report);
   return 0;
 }

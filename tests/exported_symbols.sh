@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # The shared library exports exactly its public interface: the entry points, the plane
 # functions, the globals, the default DHT segment, the MCU kernel, the public operations of
-# the two decoder classes, the frame report and header reader, and the C interface. Anything
-# else that leaks out fails this test.
+# the two decoder classes, the frame report and header reader, the stream splitter, and the C
+# interface. Anything else that leaks out fails this test.
 set -euo pipefail
 library="$1"
 exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDRBVW]$/ {print $3}' | c++filt | sort -u)
 
-allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange|decodeFrame|readFrameHeader|refusalReasonText)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|decode_mcu_span_sse2_64|vidra_mjpeg_(version|i420_size|options_init|read_header|decode|reason_text|status_name|set_log_level|set_log_sink|set_force_turbo)|_init|_fini|_edata|_end|__bss_start)$'
+allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange|decodeFrame|readFrameHeader|refusalReasonText|findFrame)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|vidra::jpeg::(MJPEGSplitter|MJPEGStreamSplitter)::.*|decode_mcu_span_sse2_64|vidra_mjpeg_(version|i420_size|options_init|read_header|decode|reason_text|status_name|set_log_level|set_log_sink|set_force_turbo)|vidra_mjpeg_splitter_(find|new|free|feed|finish|next|pending_junk|total_junk)|_init|_fini|_edata|_end|__bss_start)$'
 required=(
   'vidra::jpeg::decompressMJPEG('
   'vidra::jpeg::getJPEGImageSize('
@@ -36,6 +36,11 @@ required=(
   'vidra_mjpeg_set_log_level'
   'vidra_mjpeg_set_log_sink'
   'vidra_mjpeg_set_force_turbo'
+  'vidra::jpeg::findFrame('
+  'vidra::jpeg::MJPEGSplitter::next('
+  'vidra::jpeg::MJPEGStreamSplitter::next('
+  'vidra_mjpeg_splitter_find'
+  'vidra_mjpeg_splitter_next'
 )
 
 status=0

@@ -34,12 +34,15 @@ namespace {
 std::atomic<int64_t> g_heap_current{0};
 std::atomic<int64_t> g_heap_peak{0};
 
+// The counters are relaxed: sequentially consistent ones would order every allocation of one
+// thread before the next of another, and so hide data races from ThreadSanitizer.
 void* countedAlloc(size_t size, bool nothrow) {
   void* p = std::malloc(std::max<size_t>(size, 1));
   if (p == nullptr && !nothrow) throw std::bad_alloc();
-  const int64_t now = g_heap_current += static_cast<int64_t>(malloc_usable_size(p));
-  int64_t peak = g_heap_peak.load();
-  while (now > peak && !g_heap_peak.compare_exchange_weak(peak, now)) {
+  const int64_t bytes = static_cast<int64_t>(malloc_usable_size(p));
+  const int64_t now = g_heap_current.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+  int64_t peak = g_heap_peak.load(std::memory_order_relaxed);
+  while (now > peak && !g_heap_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
   }
   return p;
 }
@@ -53,7 +56,8 @@ void* operator new[](size_t n, const std::nothrow_t&) noexcept { return countedA
 // Every form of delete goes through one function, not through each other: g++ flags a
 // delete[] that calls the scalar delete as mismatched once it inlines them.
 static void countedFree(void* p) {
-  g_heap_current -= static_cast<int64_t>(malloc_usable_size(p));  // 0 for nullptr
+  g_heap_current.fetch_sub(static_cast<int64_t>(malloc_usable_size(p)),  // 0 for nullptr
+                           std::memory_order_relaxed);
   std::free(p);
 }
 void operator delete(void* p) noexcept { countedFree(p); }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "jpeg.h"
 #include "support/test_support.h"
 #include "vidra/mjpeg.h"
 
@@ -189,6 +190,17 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       }
       EXPECT_EQ(out.ok, expected_ok);
       EXPECT_TRUE(samePlanes(out.planes, expected));
+      // The fallback changes nothing for a frame that the own decoder takes or that isn't
+      // unsupported, and takes over the others.
+      const Outcome with_fallback = decode(frame, w, h, withDecoder(Decoder::kAuto, true));
+      const RefusalReason why = out.report.reason;
+      if (why == RefusalReason::kUnsupportedProcess || why == RefusalReason::kUnsupportedLayout) {
+        EXPECT_EQ(with_fallback.report.path, DecodePath::kTurboFallback);
+      } else {
+        EXPECT_EQ(with_fallback.report.path, out.report.path);
+        EXPECT_EQ(with_fallback.report.status, out.report.status);
+        EXPECT_TRUE(samePlanes(with_fallback.planes, out.planes));
+      }
       const FrameReport& r = out.report;
       EXPECT_EQ(r.header.width, w);
       EXPECT_EQ(r.header.height, h);
@@ -229,6 +241,46 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
   }
 }
 
+// The report of each damaged and quirky corpus frame on the own decoder, with the fallback.
+TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
+  QuietLog quiet;
+  struct Case {
+    const char* file;
+    FrameStatus status;
+    DecodePath path;
+    int valid, total;  // MCUs
+    RefusalReason reason = RefusalReason::kNone;
+  } cases[] = {
+      {"damaged/flip-again-00.jpg", FrameStatus::kConcealed, DecodePath::kOwn, 2320, 2400},
+      {"damaged/flip-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/flip-again-02.jpg", FrameStatus::kClean, DecodePath::kOwn, 2400, 2400},
+      {"damaged/trunc-again-00.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1600, 2400},
+      {"damaged/trunc-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
+      {"damaged/trunc-again-02.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1520, 2400},
+      {"reftest/extraneous-data.jpg", FrameStatus::kClean, DecodePath::kOwn, 1, 1},
+      {"reftest/restarts.jpg", FrameStatus::kClean, DecodePath::kOwn, 25, 25},
+      {"reftest/jpg-gray.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/jpg-progressive.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/non-interleaved-mcu.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
+      {"reftest/rgb.jpg", FrameStatus::kRefused, DecodePath::kNone, 0, 0,
+       RefusalReason::kUnsupportedColourSpace},
+  };
+  if (test::corpusDir().empty()) GTEST_SKIP() << "corpus not found";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::vector<uint8_t> frame = test::readFile(test::corpusDir() + "/" + c.file);
+    FrameHeader header;
+    ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &header));
+    const Outcome out =
+        decode(frame, header.width, header.height, withDecoder(Decoder::kOwn, true));
+    EXPECT_EQ(out.report.status, c.status);
+    EXPECT_EQ(out.report.path, c.path);
+    EXPECT_EQ(out.report.valid_mcus, c.valid);
+    EXPECT_EQ(out.report.total_mcus, c.total);
+    EXPECT_EQ(out.report.reason, c.reason);
+  }
+}
+
 // One frame for each reason, on the path that gives it.
 TEST(FrameReportTest, RefusalReasons) {
   QuietLog quiet;
@@ -236,6 +288,11 @@ TEST(FrameReportTest, RefusalReasons) {
   auto edited = [&](size_t at, std::vector<uint8_t> bytes) {
     std::vector<uint8_t> frame = good;
     for (size_t i = 0; i < bytes.size(); ++i) frame[at + i] = bytes[i];
+    return frame;
+  };
+  auto inserted = [&](size_t at, std::vector<uint8_t> bytes) {
+    std::vector<uint8_t> frame = good;
+    frame.insert(frame.begin() + at, bytes.begin(), bytes.end());
     return frame;
   };
   auto find = [&](uint8_t marker) {
@@ -279,6 +336,13 @@ TEST(FrameReportTest, RefusalReasons) {
       {"cut in header, own", cut, 64, 48, Decoder::kOwn, RefusalReason::kTruncated},
       {"cut in header, turbo", cut, 64, 48, Decoder::kTurbo, RefusalReason::kTruncated},
       {"too large", huge, 8000, 8000, Decoder::kOwn, RefusalReason::kTooLarge},
+      // Markers that the own decoder's marker loop doesn't take: a fill byte is legal JPEG, a
+      // restart marker or EOI before the scan is damage.
+      {"fill byte", inserted(2, {0xFF}), 64, 48, Decoder::kOwn, RefusalReason::kUnsupportedProcess},
+      {"RST0 in the header", inserted(2, {0xFF, 0xD0}), 64, 48, Decoder::kOwn,
+       RefusalReason::kBadHeader},
+      {"EOI instead of the scan", edited(sos + 1, {0xD9}), 64, 48, Decoder::kOwn,
+       RefusalReason::kTruncated},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -296,6 +360,50 @@ TEST(FrameReportTest, RefusalReasons) {
       EXPECT_TRUE(samePlanes(out.planes, test::Planes(c.w, c.h))) << "planes touched";
     }
   }
+}
+
+// Both entry points log the decoder's lines, line numbers included, exactly as they stand; a
+// frame that the header shows unsupported goes to the fallback without them.
+TEST(FrameReportTest, LogsTheDecodersLinesUnchanged) {
+  std::vector<uint8_t> ffmpeg_422 = test::encodeTestFrame(64, 48, TJSAMP_422);
+  size_t sof = 2;
+  while (!(ffmpeg_422[sof] == 0xFF && ffmpeg_422[sof + 1] == 0xC0)) ++sof;
+  ffmpeg_422[sof + 11] = 0x22;  // luma 2x2, chroma 1x2: FFmpeg's 4:2:2
+  ffmpeg_422[sof + 14] = ffmpeg_422[sof + 17] = 0x12;
+  const std::vector<uint8_t> cut(ffmpeg_422.begin(), ffmpeg_422.begin() + sof + 9);
+  const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
+  const char* output_check =
+      "144: JPEG assertion failed outputResults(width, height, y, y_stride, u, u_stride, v, "
+      "v_stride)";
+  struct Case {
+    const std::vector<uint8_t>* frame;
+    int height;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {&ffmpeg_422, 48, {"41: JPEG assertion failed c[2].v1_ == 1", output_check}},
+      {&good, 40, {"Wrong output image size. Expected 64x48 got 64x40.", output_check}},
+      {&cut,
+       48,
+       {"162: JPEG assertion failed input->getLength16(&len)",
+        "116: JPEG assertion failed parseSOF0(&input)"}},
+  };
+  for (const Case& c : cases) {
+    for (bool report : {false, true}) {
+      test::LogCapture capture(/*mjpeg_level=*/2);
+      test::Planes planes(64, c.height);
+      if (report) {
+        decode(*c.frame, 64, c.height, withDecoder(Decoder::kOwn));
+      } else {
+        SimpleJPEGDecoder().decompress(c.frame->data(), c.frame->size(), 64, c.height, true,
+                                       planes.y.data(), planes.y_stride, planes.u.data(),
+                                       planes.uv_stride, planes.v.data(), planes.uv_stride);
+      }
+      EXPECT_EQ(capture.texts(2, "mjpeg"), c.lines) << "report " << report;
+    }
+  }
+  test::LogCapture capture(/*mjpeg_level=*/6);
+  decode(ffmpeg_422, 64, 48, withDecoder(Decoder::kOwn, true));
+  EXPECT_EQ(capture.texts(6, "mjpeg"), std::vector<std::string>{"Using jpeg-turbo"});
 }
 
 // Bad arguments are refused before anything is read or written.
@@ -317,6 +425,7 @@ TEST(FrameReportTest, RefusesBadArguments) {
       {"width 70000", frame.data(), frame.size(), 70000, 48, y.data(), u.data(), 70000, 35000},
       {"null luma", frame.data(), frame.size(), 64, 48, nullptr, u.data(), 64, 32},
       {"null chroma", frame.data(), frame.size(), 64, 48, y.data(), nullptr, 64, 32},
+      {"null chroma, 1 wide", frame.data(), frame.size(), 1, 48, y.data(), nullptr, 1, 8},
       {"short luma stride", frame.data(), frame.size(), 64, 48, y.data(), u.data(), 63, 32},
       {"short chroma stride", frame.data(), frame.size(), 64, 48, y.data(), u.data(), 64, -31},
   };

@@ -6,8 +6,8 @@
 #include <new>
 #include <string>
 
-#include "cli.h"
-#include "commands.h"
+#include "cli/cli.h"
+#include "commands/commands.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "vidra/log.h"
 #include "vidra/mjpeg.h"
@@ -36,14 +37,45 @@ void toC(const FrameHeader& from, vidra_mjpeg_header* to) {
 }
 
 // The C constants are the C++ enumerators' values; a mismatch would be an ABI break.
-static_assert(VIDRA_MJPEG_STATUS_REFUSED == static_cast<int>(vidra::jpeg::FrameStatus::kRefused));
-static_assert(VIDRA_MJPEG_PATH_TURBO_FALLBACK ==
-              static_cast<int>(vidra::jpeg::DecodePath::kTurboFallback));
-static_assert(VIDRA_MJPEG_REASON_TURBO_ERROR ==
-              static_cast<int>(vidra::jpeg::RefusalReason::kTurboError));
-static_assert(VIDRA_MJPEG_COLOUR_YCCK == static_cast<int>(vidra::jpeg::ColourSpace::kYCCK));
-static_assert(VIDRA_MJPEG_SUBSAMPLING_GREY == static_cast<int>(vidra::jpeg::Subsampling::kGrey));
-static_assert(VIDRA_MJPEG_DECODER_TURBO == static_cast<int>(vidra::jpeg::Decoder::kTurbo));
+#define VIDRA_SAME_VALUE(c_name, cpp_value) \
+  static_assert((VIDRA_MJPEG_##c_name) == static_cast<int>(vidra::jpeg::cpp_value), #c_name)
+VIDRA_SAME_VALUE(DECODER_AUTO, Decoder::kAuto);
+VIDRA_SAME_VALUE(DECODER_OWN, Decoder::kOwn);
+VIDRA_SAME_VALUE(DECODER_TURBO, Decoder::kTurbo);
+VIDRA_SAME_VALUE(STATUS_CLEAN, FrameStatus::kClean);
+VIDRA_SAME_VALUE(STATUS_CONCEALED, FrameStatus::kConcealed);
+VIDRA_SAME_VALUE(STATUS_FAILED, FrameStatus::kFailed);
+VIDRA_SAME_VALUE(STATUS_REFUSED, FrameStatus::kRefused);
+VIDRA_SAME_VALUE(PATH_NONE, DecodePath::kNone);
+VIDRA_SAME_VALUE(PATH_OWN, DecodePath::kOwn);
+VIDRA_SAME_VALUE(PATH_TURBO, DecodePath::kTurbo);
+VIDRA_SAME_VALUE(PATH_TURBO_FALLBACK, DecodePath::kTurboFallback);
+VIDRA_SAME_VALUE(REASON_NONE, RefusalReason::kNone);
+VIDRA_SAME_VALUE(REASON_INVALID_ARGUMENT, RefusalReason::kInvalidArgument);
+VIDRA_SAME_VALUE(REASON_SIZE_MISMATCH, RefusalReason::kSizeMismatch);
+VIDRA_SAME_VALUE(REASON_NOT_JPEG, RefusalReason::kNotJPEG);
+VIDRA_SAME_VALUE(REASON_UNSUPPORTED_PROCESS, RefusalReason::kUnsupportedProcess);
+VIDRA_SAME_VALUE(REASON_UNSUPPORTED_LAYOUT, RefusalReason::kUnsupportedLayout);
+VIDRA_SAME_VALUE(REASON_UNSUPPORTED_COLOUR_SPACE, RefusalReason::kUnsupportedColourSpace);
+VIDRA_SAME_VALUE(REASON_BAD_HEADER, RefusalReason::kBadHeader);
+VIDRA_SAME_VALUE(REASON_TRUNCATED, RefusalReason::kTruncated);
+VIDRA_SAME_VALUE(REASON_TOO_LARGE, RefusalReason::kTooLarge);
+VIDRA_SAME_VALUE(REASON_TURBO_ERROR, RefusalReason::kTurboError);
+VIDRA_SAME_VALUE(REASON_OUT_OF_MEMORY, RefusalReason::kOutOfMemory);
+VIDRA_SAME_VALUE(COLOUR_UNKNOWN, ColourSpace::kUnknown);
+VIDRA_SAME_VALUE(COLOUR_GREY, ColourSpace::kGrey);
+VIDRA_SAME_VALUE(COLOUR_YCBCR, ColourSpace::kYCbCr);
+VIDRA_SAME_VALUE(COLOUR_RGB, ColourSpace::kRGB);
+VIDRA_SAME_VALUE(COLOUR_CMYK, ColourSpace::kCMYK);
+VIDRA_SAME_VALUE(COLOUR_YCCK, ColourSpace::kYCCK);
+VIDRA_SAME_VALUE(SUBSAMPLING_UNKNOWN, Subsampling::kUnknown);
+VIDRA_SAME_VALUE(SUBSAMPLING_444, Subsampling::k444);
+VIDRA_SAME_VALUE(SUBSAMPLING_422, Subsampling::k422);
+VIDRA_SAME_VALUE(SUBSAMPLING_420, Subsampling::k420);
+VIDRA_SAME_VALUE(SUBSAMPLING_440, Subsampling::k440);
+VIDRA_SAME_VALUE(SUBSAMPLING_411, Subsampling::k411);
+VIDRA_SAME_VALUE(SUBSAMPLING_GREY, Subsampling::kGrey);
+#undef VIDRA_SAME_VALUE
 
 struct SinkTarget {
   vidra_mjpeg_log_sink sink;
@@ -105,8 +137,16 @@ int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width, int32_t 
       cpp_options.insert_dht = options->insert_dht != 0;
       cpp_options.fallback = options->fallback != 0;
     }
-    ok = vidra::jpeg::decodeFrame(data, size, width, height, y, y_stride, u, u_stride, v, v_stride,
-                                  cpp_options, &cpp_report);
+    // No exception may unwind into C: an exhausted heap is a refusal. The planes are only
+    // written once every buffer of the frame is allocated, so they are untouched then.
+    try {
+      ok = vidra::jpeg::decodeFrame(data, size, width, height, y, y_stride, u, u_stride, v,
+                                    v_stride, cpp_options, &cpp_report);
+    } catch (const std::bad_alloc&) {
+      ok = false;
+      cpp_report = FrameReport();
+      cpp_report.reason = vidra::jpeg::RefusalReason::kOutOfMemory;
+    }
   }
   std::memset(report, 0, sizeof(*report));
   report->status = static_cast<int32_t>(cpp_report.status);
@@ -119,7 +159,7 @@ int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width, int32_t 
 }
 
 const char* vidra_mjpeg_reason_text(int32_t reason) {
-  if (reason < VIDRA_MJPEG_REASON_NONE || reason > VIDRA_MJPEG_REASON_TURBO_ERROR) {
+  if (reason < VIDRA_MJPEG_REASON_NONE || reason > VIDRA_MJPEG_REASON_OUT_OF_MEMORY) {
     return "unknown reason";
   }
   return vidra::jpeg::refusalReasonText(static_cast<vidra::jpeg::RefusalReason>(reason));

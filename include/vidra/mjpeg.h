@@ -100,6 +100,7 @@ struct FrameHeader {
   int32_t restart_interval = 0;  // MCUs per restart span, 0 without restart markers
   bool has_dht = false;          // a DHT segment comes before the first scan
   bool has_scan = false;         // the header reaches a scan (SOS) before the data ends
+  int32_t reserved[4] = {};      // room for later fields without an ABI break
 };
 
 // Reads the marker segments of `data` up to the first scan, tolerating fill bytes and junk
@@ -124,6 +125,7 @@ struct DecodeOptions {
   // TurboJPEG path instead. Damage never triggers this: a damaged frame is concealed, and one
   // with too few good MCUs stays failed.
   bool fallback = false;
+  uint32_t reserved[4] = {};  // room for later options; leave zero
 };
 
 enum class FrameStatus : uint8_t {
@@ -148,6 +150,7 @@ enum class RefusalReason : uint8_t {
   kTruncated,               // the data ends before the scan
   kTooLarge,                // the frame is too large for its data or for the decoder
   kTurboError,              // TurboJPEG failed to decode the frame
+  kOutOfMemory,             // C interface only; C++ callers get std::bad_alloc instead
 };
 
 // One short English text for `reason`, e.g. "truncated before the scan".
@@ -160,17 +163,19 @@ struct FrameReport {
   FrameHeader header;                           // as read from the frame
   int32_t total_mcus = 0;                       // own decoder only; 0 on the TurboJPEG path
   int32_t valid_mcus = 0;                       // MCUs that decoded cleanly (own decoder)
+  int32_t reserved[4] = {};                     // room for later fields
 };
 
 // Decodes `data` into the planes as decompressMJPEG() does and fills `report`. Returns true for
-// a clean or concealed frame. With the default options but `fallback` off, the result and the
+// a clean or concealed frame. With the default options (kAuto, no fallback) the result and the
 // planes equal decompressMJPEG()'s for every frame, except that frames that are neither YCbCr
 // nor grey are refused (kUnsupportedColourSpace) on both paths instead of being decoded with
 // wrong colours. Bad arguments are refused with kInvalidArgument, planes untouched: a null or
-// empty frame, a size outside 1..65535, a null plane where rows are due, a stride shorter than
-// its row. A null `report` makes the call return false at once. The decoders log as they do
-// under decompressMJPEG(); a frame that the header already shows to be unsupported goes to the
-// fallback without the own decoder's refusal being logged.
+// empty frame, a size outside 1..65535, a null plane where rows are due (chroma of a frame one
+// pixel wide included), a stride shorter than its row. As with decompressMJPEG(), an exhausted
+// heap throws std::bad_alloc. A null `report` makes the call return false at once. The decoders log
+// as they do under decompressMJPEG(); a frame that the header already shows to be unsupported goes
+// to the fallback without the own decoder's refusal being logged.
 VIDRA_MJPEG_EXPORT bool decodeFrame(const uint8_t* data, size_t size, int width, int height,
                                     uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v,
                                     int v_stride, const DecodeOptions& options,

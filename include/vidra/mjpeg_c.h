@@ -71,7 +71,8 @@ enum {
   VIDRA_MJPEG_REASON_BAD_HEADER = 7,
   VIDRA_MJPEG_REASON_TRUNCATED = 8,
   VIDRA_MJPEG_REASON_TOO_LARGE = 9,
-  VIDRA_MJPEG_REASON_TURBO_ERROR = 10
+  VIDRA_MJPEG_REASON_TURBO_ERROR = 10,
+  VIDRA_MJPEG_REASON_OUT_OF_MEMORY = 11
 };
 
 /* vidra_mjpeg_header.colour_space */
@@ -113,12 +114,14 @@ typedef struct vidra_mjpeg_header {
   int32_t restart_interval;
   int32_t has_dht;  /* a DHT segment comes before the first scan */
   int32_t has_scan; /* the header reaches a scan before the data ends */
+  int32_t reserved[4];
 } vidra_mjpeg_header;
 
 typedef struct vidra_mjpeg_options {
   int32_t decoder;    /* VIDRA_MJPEG_DECODER_*; default AUTO */
   int32_t insert_dht; /* default 1: default Huffman tables for frames without them (TurboJPEG) */
   int32_t fallback;   /* default 0: TurboJPEG decodes what the own decoder refuses as unsupported */
+  int32_t reserved[5]; /* zeroed by vidra_mjpeg_options_init(); leave them zero */
 } vidra_mjpeg_options;
 
 typedef struct vidra_mjpeg_report {
@@ -128,6 +131,7 @@ typedef struct vidra_mjpeg_report {
   int32_t total_mcus; /* own decoder only */
   int32_t valid_mcus;
   vidra_mjpeg_header header;
+  int32_t reserved[4];
 } vidra_mjpeg_report;
 
 /* The library's version, "MAJOR.MINOR.PATCH". */
@@ -137,7 +141,8 @@ VIDRA_MJPEG_C_EXPORT const char* vidra_mjpeg_version(void);
  * 0 for sizes outside 1..65535. */
 VIDRA_MJPEG_C_EXPORT size_t vidra_mjpeg_i420_size(int32_t width, int32_t height);
 
-/* Sets the defaults: AUTO, insert_dht 1, fallback 0. */
+/* Sets the defaults: AUTO, insert_dht 1, fallback 0, reserved fields 0. Always start from it:
+ * later versions may give meaning to reserved fields. */
 VIDRA_MJPEG_C_EXPORT void vidra_mjpeg_options_init(vidra_mjpeg_options* options);
 
 /* 1 when a frame header was read; `header` is zeroed first and filled as far as the data goes. */
@@ -145,7 +150,8 @@ VIDRA_MJPEG_C_EXPORT int vidra_mjpeg_read_header(const uint8_t* data, size_t siz
                                                  vidra_mjpeg_header* header);
 
 /* Decodes one frame into the planes; 1 for a clean or concealed frame, else 0. `options` may be
- * NULL (defaults). A NULL `report` refuses the call (0, nothing written). */
+ * NULL (defaults). A NULL `report` refuses the call (0, nothing written). Never throws: an
+ * exhausted heap is a refusal with VIDRA_MJPEG_REASON_OUT_OF_MEMORY. */
 VIDRA_MJPEG_C_EXPORT int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width,
                                             int32_t height, uint8_t* y, int32_t y_stride,
                                             uint8_t* u, int32_t u_stride, uint8_t* v,
@@ -168,7 +174,9 @@ typedef void (*vidra_mjpeg_log_sink)(void* user, int32_t level, const char* chan
  * 0 silences it. */
 VIDRA_MJPEG_C_EXPORT void vidra_mjpeg_set_log_level(const char* channel, int32_t level);
 
-/* Sends every emitted line to `sink` (NULL restores stderr). */
+/* Sends every emitted line to `sink` (NULL restores stderr). The sink is called on the logging
+ * thread with the library's log lock held, one line at a time: it must not log through the
+ * library, decode or change the sink itself. */
 VIDRA_MJPEG_C_EXPORT void vidra_mjpeg_set_log_sink(vidra_mjpeg_log_sink sink, void* user);
 
 /* As vidra::jpeg::setForceJPEGTurboDecoder(): AUTO then means TurboJPEG. Process-wide. */

@@ -5,8 +5,11 @@
 #include <turbojpeg.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -95,6 +98,7 @@ TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   check({"decode", jpeg, "--bogus"}, 2, {},
         {"vidra-mjpeg decode: unknown option '--bogus'\nRun 'vidra-mjpeg decode --help' for"});
   check({"decode", jpeg, "-o", "out.mp4"}, 2, {}, {"can't tell the output format"});
+  check({"decode", jpeg, "-o", out, "--format", "mp4"}, 2, {}, {"--format expects y4m or yuv"});
   check({"decode", jpeg, "--fps", "fast"}, 2, {}, {"--fps expects a rate"});
   check({"bench", jpeg, "--decoders", "own,gpu"}, 2, {}, {"unknown decoder 'gpu'"});
   check({"demo", "extra"}, 2, {}, {"demo takes no input"});
@@ -144,7 +148,7 @@ TEST(ToolCommandTest, DecodesCorpusFramesToY4M) {
     if (test.turbo) args.push_back("--turbo");
     check(args, 0, {},
           {test.file + ": JPEG file, 1 frames, " + size, summary("decoded", 1),
-           test.turbo ? "turbo path (forced)" : "frames/s"},
+           test.turbo ? "in the library's TurboJPEG path" : "frames/s"},
           out, {test.width, test.height, 1});
   }
 
@@ -201,9 +205,10 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
         {"frame 2 (byte " + cut_at + ") is cut short", summary("cut short", 1),
          summary("decoded", 2)},
         out, {640, 480, 3});
-  check({"decode", huge, "-o", out}, 1, {},
+  check({"decode", huge, "-o", out, "-v"}, 1, {},
         {"frame 1 (byte " + std::to_string(frames[0].size()) +
              ") claims 60000x60000, more than this tool decodes",
+         "60000x60000 4:2:2 (2x1,1x1,1x1), " + std::to_string(frames[1].size()) + " bytes: refused",
          summary("refused", 1)},
         out, {640, 480, 2});
   check({"decode", mixed, "-o", out}, 1, {},
@@ -243,8 +248,8 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
 
   const ToolRun bench =
       check({"bench", corpusDir() + "/webcam-480p", junk, "--threads", "2", "--time", "0"}, 0,
-            {"webcam-480p: " + n + " frames, 640x480 4:2:2", "junk.mjpeg: 6 frames, 640x480",
-             "1.00x"},  // libjpeg-turbo against itself
+            {"webcam-480p: " + n + " frames, 640x480 4:2:2 (2x1,1x1,1x1), ",
+             "junk.mjpeg: 6 frames, 640x480", "1.00x"},  // libjpeg-turbo against itself
             {});
   for (const char* decoder : {"\n  vidra own decoder ", "\n  vidra turbo path ",
                               "\n  libjpeg-turbo ", "\n  FFmpeg mjpeg "}) {
@@ -305,10 +310,12 @@ TEST(ToolCommandTest, CountsConcealedFramesApartFromCleanOnes) {
   }
   check({"decode", corpusDir() + "/damaged/flip-again-00.jpg", "-v"}, 0, {},
         {summary("decoded", 0), summary("concealed", 1), ": concealed in "});
-  // The own decoder's reason for a progressive frame, logged at level 3.
+  // A progressive frame: the TurboJPEG fallback decodes it, or the own decoder refuses it.
   VIDRA_REQUIRE_CORPUS(corpusFiles("reftest"), "reftest");
-  check({"decode", corpusDir() + "/reftest/jpg-progressive.jpg"}, 1, {},
-        {summary("refused", 1), "1x  Unhandled JPEG marker c2"});
+  const std::string progressive = corpusDir() + "/reftest/jpg-progressive.jpg";
+  check({"decode", progressive}, 0, {}, {summary("decoded", 1), summary("fallback", 1)});
+  check({"decode", progressive, "--no-fallback"}, 1, {},
+        {summary("refused", 1), "1x  unsupported JPEG process or marker"});
 }
 
 // The demo's clip, and the stream it saves: encoded as a webcam sends frames.
@@ -324,6 +331,93 @@ TEST(ToolCommandTest, DemoWritesAClipAStreamAndAContactSheet) {
         {"layout    192x108 baseline 4:2:2 (2x1,1x1,1x1) (12)", "restart   12 MCUs (1 row) (12)",
          "DHT       absent (12)", "quality   90 (12)", "AVI1"},
         {});
+}
+
+// PSNR of `a` against `b` in dB (99 for equal ones); -1 for different sizes.
+double psnr(const Bytes& a, const Bytes& b) {
+  if (a.size() != b.size() || a.empty()) return -1;
+  double sum = 0;
+  for (size_t i = 0; i < a.size(); ++i) sum += (a[i] - b[i]) * double(a[i] - b[i]);
+  return sum == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * a.size() / sum);
+}
+
+// The number in "<fragment><number>" in `text`, -1 without it.
+long numberAfter(const std::string& text, const std::string& fragment) {
+  const size_t at = text.find(fragment);
+  return at == std::string::npos ? -1 : std::atol(text.c_str() + at + fragment.size());
+}
+
+// FFmpeg's 4:2:2 and 4:4:4 MJPEG, which the own decoder refuses (chroma sampled 1x2): the
+// TurboJPEG fallback decodes every frame, close to FFmpeg's own decode, from AVI, MKV and raw
+// streams. Without the fallback the own decoder refuses them all, and bench gives it no speed.
+TEST(ToolCommandTest, DecodesFFmpeg422And444ThroughTheFallback) {
+  if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no ffmpeg here";
+  const bool own = CPUInfo().supports_fast_decoder();  // else the TurboJPEG path decodes all
+  TempDir dir;
+  const std::string out = dir.file("out.yuv"), reference = dir.file("reference.yuv");
+  for (const std::string pixels : {"yuvj422p", "yuvj444p"}) {
+    SCOPED_TRACE(pixels);
+    const std::string raw = dir.file(pixels + ".mjpeg");
+    const std::string make =
+        "ffmpeg -loglevel error -y -f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 12 "
+        "-c:v mjpeg -q:v 3 -pix_fmt " +
+        pixels + " -f mjpeg '" + raw + "' && ffmpeg -loglevel error -y -i '" + raw + "' -c copy '" +
+        raw + ".avi' && ffmpeg -loglevel error -y -i '" + raw + "' -c copy '" + raw +
+        ".mkv' && ffmpeg -loglevel error -y -i '" + raw +
+        "' -f rawvideo -pix_fmt yuvj420p -sws_flags area '" + reference + "'";
+    ASSERT_EQ(std::system(make.c_str()), 0) << make;
+    for (const std::string& input : {raw, raw + ".avi", raw + ".mkv"}) {
+      check({"decode", input, "-o", out}, 0, {},
+            {summary("decoded", 12), own ? summary("fallback", 12) : ""});
+      EXPECT_GE(psnr(readFile(out), readFile(reference)), 45.0) << input;
+    }
+    if (own) {
+      check({"decode", raw, "--no-fallback"}, 1, {},
+            {summary("refused", 12), "12x  unsupported sampling layout"});
+    }
+  }
+  const std::string raw = dir.file("yuvj422p.mjpeg");
+  const ToolRun alone = check(
+      {"bench", raw, "--decoders", "own,libjpeg-turbo", "--time", "0", "--no-fallback"}, 1, {}, {});
+  EXPECT_TRUE(has(alone.out, "\n  vidra own decoder        1          -         -  ")) << alone.out;
+  EXPECT_TRUE(has(alone.out, "12/12\n"));
+  check({"bench", raw, "--decoders", "own", "--time", "0"}, 0, {"12/12"}, {});
+}
+
+// Inputs that break off or that would make far more output than they hold: a Matroska file cut
+// short, a raw file of marker-like junk, and frames of a few bytes that claim 4096x4096 (each a
+// failed 24 MiB picture). The output can go to a sink.
+TEST(ToolCommandTest, StopsOnInputsThatEndEarlyOrOutgrowTheirSize) {
+  TempDir dir;
+  const Bytes frame = encodeTestFrame(64, 48, TJSAMP_422);
+  const std::string mkv = dir.file("cut.mkv"), junk = dir.file("junk.mjpeg"),
+                    claims = dir.file("claims.mjpeg"), out = dir.file("out.yuv");
+  ASSERT_EQ(muxMJPEG(mkv, "matroska", std::vector<Bytes>(30, frame), 64, 48), "");
+  std::filesystem::resize_file(mkv, std::filesystem::file_size(mkv) * 6 / 10);
+  check({"decode", mkv, "-o", "/dev/null"}, 1, {}, {"the file ends early", "raw I420"});
+  check({"decode", mkv, "-o", "/dev/null", "--format", "y4m"}, 1, {}, {"Y4M 4:2:0"});
+
+  // 1 MB of SOIs, EOIs, SOF headers and zeros: fragments, no frame, no output.
+  std::mt19937 rng(7);
+  const Bytes pieces[] = {
+      {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x10}, {0xFF, 0xD9}, {0xFF, 0xC0, 0x00, 0x11}};
+  Bytes data;
+  while (data.size() < (1u << 20)) {
+    const size_t pick = rng() % 4;
+    if (pick < 3) data.insert(data.end(), pieces[pick].begin(), pieces[pick].end());
+    if (pick == 3) data.resize(data.size() + 1 + rng() % 40, 0x00);
+  }
+  writeFile(junk, data);
+  check({"decode", junk, "-o", out}, 2, {}, {"no MJPEG frames in it (only fragments", "fragments"});
+  EXPECT_FALSE(std::filesystem::exists(out));
+
+  const Bytes claim = claimingSize(frame, 4096, 4096);
+  std::vector<Bytes> many(2000, claim);
+  writeFile(claims, concatFrames(many));
+  const ToolRun run = check({"decode", claims, "-o", "/dev/null"}, 1, {}, {"stopped: pictures"});
+  const long written = numberAfter(run.err, "output     /dev/null: ");
+  EXPECT_GT(written, 0);
+  EXPECT_LE(written, 12) << run.err;  // 256 MiB of 24 MiB pictures, and one more
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The tool's parts, tested directly: cutting raw MJPEG streams into frames (from files and as
-// they arrive through a FIFO), reading frame headers, colour conversion, chroma completion, PNG,
+// The tool's parts, tested directly: reading raw MJPEG streams (from files and as they arrive
+// through pipes and FIFOs), reading frame headers, colour conversion, chroma completion, PNG,
 // and the damage the demo does to frames.
 
 #include <fcntl.h>
@@ -20,112 +20,30 @@
 #include <utility>
 #include <vector>
 
-#include "cli.h"
-#include "damage.h"
-#include "demo_scene.h"
-#include "image.h"
-#include "input.h"
-#include "jpeg_headers.h"
-#include "png_writer.h"
+#include "cli/cli.h"
+#include "decoding/decoding.h"
+#include "demo/damage.h"
+#include "demo/demo_scene.h"
+#include "demo/webcam_encoder.h"
+#include "input/frame_reader.h"
+#include "input/jpeg_headers.h"
+#include "output/image.h"
+#include "output/png_writer.h"
 #include "support/test_support.h"
 #include "tool/tool_test_support.h"
-#include "webcam_encoder.h"
 
 namespace vidra {
 namespace test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a frame
-const uint8_t kSOS[] = {0xFF, 0xDA};
-
-// The frames of `data` as rows, and the junk behind the last one.
-std::vector<Row> split(const Bytes& data, size_t* trailing) {
-  tool::MJPEGSplitter splitter(data.data(), data.size());
-  std::vector<Row> rows;
-  for (tool::SplitFrame f; splitter.next(&f);)
-    rows.push_back({f.offset, f.size, f.junk_before, f.cut_short});
-  *trailing = splitter.trailingJunk();
-  EXPECT_EQ(splitter.position(), data.size());
-  return rows;
-}
 
 // An exact-size copy, so that the sanitizers see any read past its end.
 Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
 
-TEST(ToolSplitterTest, CutsStreamsAtFrameBoundaries) {
-  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const Bytes c = encodeTestFrame(24, 24, TJSAMP_444, 50, 0, 3);
-  // Marker-like bytes but no FF D8 FF; the fill bytes at the end run into the next SOI.
-  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
-  const size_t a_cut = a.size() - 40;  // inside the entropy data
-  const size_t b_cut = 30;             // inside the tables
-  // `a` with an APP1 segment behind SOI that holds a whole JPEG, as EXIF thumbnails do.
-  const size_t app1 = 8 + c.size();
-  const Bytes exif = concatFrames({{0xFF, 0xD8, 0xFF, 0xE1, static_cast<uint8_t>(app1 >> 8),
-                                    static_cast<uint8_t>(app1), 'E', 'x', 'i', 'f', 0, 0},
-                                   c,
-                                   Bytes(a.begin() + 2, a.end())});
-  struct Case {
-    Bytes stream;
-    std::vector<Row> frames;
-    size_t trailing;
-  } cases[] = {
-      {concatFrames({junk, a, junk, b, junk}),
-       {{9, a.size(), 9, 0}, {18 + a.size(), b.size(), 9, 0}},
-       9},
-      // EOI missing, or the frame cut inside its header: the next frame still counts.
-      {concatFrames({head(a, a_cut), b}), {{0, a_cut, 0, 1}, {a_cut, b.size(), 0, 0}}, 0},
-      {concatFrames({head(b, b_cut), c}), {{0, b_cut, 0, 1}, {b_cut, c.size(), 0, 0}}, 0},
-      {concatFrames({exif, b}), {{0, exif.size(), 0, 0}, {exif.size(), b.size(), 0, 0}}, 0},
-  };
-  for (const Case& test : cases) {
-    size_t trailing = 0;
-    EXPECT_EQ(split(test.stream, &trailing), test.frames);
-    EXPECT_EQ(trailing, test.trailing);
-  }
-}
-
-// Every prefix of a stream, and streams damaged at random (flipped bytes, marker-like bytes
-// dropped in, cuts): the splitter and the header reader stay inside the data, and frames and
-// junk cover every byte once, in order.
-TEST(ToolSplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
-  const Bytes clean = concatFrames({encodeTestFrame(32, 16, TJSAMP_422, 90, 1, 11),
-                                    {0x00, 0x01},
-                                    stripDHT(encodeTestFrame(16, 16, TJSAMP_420, 70, 0, 12))});
-  std::vector<Bytes> streams;
-  for (size_t size = 0; size <= clean.size(); ++size) streams.push_back(head(clean, size));
-  std::mt19937 rng(5);
-  const uint8_t kMarkers[] = {0xD8, 0xD9, 0xDA, 0xC4, 0xDB, 0xE1, 0xD0, 0x00, 0xFF};
-  for (int round = 0; round < 300; ++round) {
-    Bytes stream = clean;
-    for (int edit = 0; edit < 6; ++edit) {
-      const size_t at = rng() % stream.size(), kind = rng() % 3;
-      if (kind == 2) stream.resize(std::max<size_t>(at, 1));
-      if (kind == 0) stream[at] = static_cast<uint8_t>(rng());
-      if (kind == 1) stream[at] = 0xFF;
-      if (kind == 1 && at + 1 < stream.size()) stream[at + 1] = kMarkers[rng() % 9];
-    }
-    streams.push_back(head(stream, stream.size()));
-  }
-  for (const Bytes& data : streams) {
-    SCOPED_TRACE("stream of " + std::to_string(data.size()) + " bytes");
-    size_t covered = 0, trailing = 0;
-    for (const Row& row : split(data, &trailing)) {
-      ASSERT_EQ(row[0], covered + row[2]);
-      ASSERT_LE(row[0] + row[1], data.size());
-      const Bytes frame(data.begin() + row[0], data.begin() + row[0] + row[1]);
-      tool::readJPEGHeader(frame.data(), frame.size());
-      covered = row[0] + row[1];
-    }
-    ASSERT_EQ(covered + trailing, data.size());
-  }
-}
-
 // The size an output takes: the most common one in the frame headers, ties to the size seen
 // first; sizes the tool refuses and frames without a size don't count.
-TEST(ToolSplitterTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
+TEST(ToolUsualSizeTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422), b = encodeTestFrame(32, 16, TJSAMP_420);
   const Bytes huge = claimingSize(a, 9000, 9000), sizeless = {0xFF, 0xD8, 0xFF, 0xD9};
   const struct {
@@ -146,72 +64,6 @@ TEST(ToolSplitterTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
   }
 }
 
-// Streams whose cuts depend on how far they have come: a prefix that ends inside a frame or
-// just behind it must not cut the frame as final where the whole stream cuts it elsewhere.
-std::vector<Bytes> streamsCutByLaterBytes() {
-  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const size_t entropy = std::search(a.begin(), a.end(), kSOS, kSOS + 2) - a.begin() + 14;
-  // `a` up to the start of its entropy data, then a DHT marker claiming `length` bytes with an
-  // EOI early inside them, and the frame's EOI behind them.
-  auto claiming = [&](size_t length) {
-    Bytes frame(a.begin(), a.begin() + entropy);
-    frame.insert(frame.end(),
-                 {0xFF, 0xC4, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)});
-    Bytes body(length - 2, 0x00);
-    body[100] = 0xFF;
-    body[101] = 0xD9;
-    frame.insert(frame.end(), body.begin(), body.end());
-    frame.insert(frame.end(), {0xFF, 0xD9});
-    return frame;
-  };
-  // `a` with an SOS header of one component at the start of its entropy data, an EOI inside.
-  Bytes sos(a.begin(), a.begin() + entropy);
-  sos.insert(sos.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0xFF, 0xD9, 0x00, 0x00, 0x00});
-  sos.insert(sos.end(), a.begin() + entropy, a.end());
-  // Marker-like bytes but no FF D8 FF; the fill bytes at the end run into the next SOI.
-  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
-  return {
-      // EOI missing: the next SOI ends the frame; or FF D8 00, no SOI, and then an EOI; or a
-      // frame cut inside its tables.
-      concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk}),
-      concatFrames({head(b, b.size() - 20), junk, head(b, 30), a}),
-      // Stepped over: the DHT, whose length bytes FF D9 read as an EOI until the segment is
-      // whole and the marker behind it has come, and the SOS.
-      concatFrames({claiming(0xFFD9), b}),
-      concatFrames({sos, b}),
-      // Not stepped over: the segment runs past the end, or over the next SOI.
-      concatFrames({a, head(claiming(6000), entropy + 5000)}),
-      concatFrames({head(claiming(4000), entropy + 2000), b, Bytes(3000, 0x00), a}),
-      // Stepped over although the next frame's SOI begins 2 bytes before the segment's end.
-      concatFrames({head(claiming(3000), entropy + 3000), b, a}),
-  };
-}
-
-// Cut from each frame's start on, every prefix of the stream that the splitter calls final
-// (`needs_more` false) cuts the frame as the whole stream does; and some prefix does for each
-// frame but the last, whose cut may depend on where the stream ends.
-TEST(ToolSplitterTest, CallsACutFinalOnlyWhereMoreBytesCantChangeIt) {
-  for (const Bytes& stream : streamsCutByLaterBytes()) {
-    size_t trailing;
-    const std::vector<Row> frames = split(stream, &trailing);
-    for (const Row& whole : frames) {
-      SCOPED_TRACE("frame at byte " + std::to_string(whole[0]) + " of " +
-                   std::to_string(stream.size()));
-      bool final = false;
-      for (size_t size = 0; whole[0] + size <= stream.size(); ++size) {
-        tool::MJPEGSplitter splitter(stream.data() + whole[0], size);
-        tool::SplitFrame f;
-        if (!splitter.next(&f) || f.needs_more) continue;
-        final = true;
-        ASSERT_EQ((Row{whole[0] + f.offset, f.size, whole[2] + f.junk_before, f.cut_short}), whole)
-            << "final with " << size << " bytes";
-      }
-      EXPECT_TRUE(final || &whole == &frames.back());
-    }
-  }
-}
-
 // What a reader hands out: index, byte offset, size, junk before, cut short of each frame.
 using Cut = std::array<int64_t, 5>;
 
@@ -227,52 +79,15 @@ std::vector<Cut> readCuts(tool::FrameReader* reader, const Bytes& stream) {
   return cuts;
 }
 
-// The stream reader with reads that split the input every few bytes (an SOI behind junk
-// included) cuts it as the file reader does. A frame without end is cut after the frame limit,
-// also when the input ends soon behind it; the rest is junk up to the next frame.
-TEST(ToolStreamReaderTest, CutsAsTheFileReaderWhereverReadsSplitTheInput) {
-  TempDir dir;
-  const std::string file = dir.file("s.mjpeg");
+// A frame without end from a source that stays open comes out at the frame limit without
+// waiting for the end of the input. The writer holds the pipe open until then (20 s at most, a
+// liveness bound).
+TEST(ToolStreamReaderTest, CutsAnEndlessFrameAtTheLimitWhileThePipeStaysOpen) {
   const size_t limit = 256 << 10;
-  // The frames of `file`, which holds `data`, read `read_size` bytes at a time.
-  auto streamCuts = [&](const Bytes& data, size_t read_size, size_t* trailing) {
-    const std::unique_ptr<tool::FrameReader> reader = tool::FrameReader::openStream(
-        "s", ::open(file.c_str(), O_RDONLY | O_CLOEXEC), true, read_size, limit);
-    const std::vector<Cut> cuts = readCuts(reader.get(), data);
-    *trailing = reader->trailingJunk();
-    return cuts;
-  };
-  size_t trailing;
-  for (const Bytes& data : streamsCutByLaterBytes()) {
-    writeFile(file, data);
-    const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
-    const std::vector<Cut> expected = readCuts(mapped.get(), data);
-    for (const size_t read_size : {1, 2, 5, 4096}) {
-      SCOPED_TRACE(std::to_string(data.size()) + " bytes, reads of " + std::to_string(read_size));
-      EXPECT_EQ(streamCuts(data, read_size, &trailing), expected);
-      EXPECT_EQ(trailing, mapped->trailingJunk());
-    }
-  }
-
-  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const int64_t endless = limit + 200000;
   Bytes data = {0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00};
-  data.resize(limit + 100);
-  writeFile(file, data);
-  EXPECT_EQ(streamCuts(data, 65536, &trailing), (std::vector<Cut>{{0, 0, int64_t(limit), 0, 1}}));
-  EXPECT_EQ(trailing, 100u);
-  data.resize(endless);
-  data.insert(data.end(), b.begin(), b.end());
-  writeFile(file, data);
-  EXPECT_EQ(streamCuts(data, 65536, &trailing),
-            (std::vector<Cut>{{0, 0, int64_t(limit), 0, 1},
-                              {1, endless, int64_t(b.size()), endless - int64_t(limit), 0}}));
-
-  // From a source that stays open, such a frame comes out at the limit without waiting for the
-  // end of the input. The writer holds the pipe open until then (20 s at most, a liveness bound).
+  data.resize(limit + 70000);
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
-  data.resize(limit + 70000);
   std::promise<void> frame_seen;
   std::future<bool> writer = std::async(std::launch::async, [&] {
     for (size_t at = 0; at < data.size();) {
@@ -295,6 +110,23 @@ TEST(ToolStreamReaderTest, CutsAsTheFileReaderWhereverReadsSplitTheInput) {
   EXPECT_TRUE(frame.cut_short);
 }
 
+// A file that shrinks while it is read ends with a read error behind the frames before the cut,
+// not with a crash.
+TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
+  TempDir dir;
+  const std::string file = dir.file("s.mjpeg");
+  writeFile(file, concatFrames(std::vector<Bytes>(300, encodeTestFrame(64, 64, TJSAMP_420))));
+  const std::unique_ptr<tool::FrameReader> reader = tool::FrameReader::open(file);
+  tool::Frame frame;
+  ASSERT_TRUE(reader->next(&frame));
+  ASSERT_EQ(truncate(file.c_str(), 1000), 0);
+  std::string error;
+  int frames = 1;
+  while (reader->nextOrStop(&frame, &error)) ++frames;
+  EXPECT_LT(frames, 300);
+  EXPECT_TRUE(has(error, file + ": the file shrank while it was read (from ")) << error;
+}
+
 // open() reads a FIFO as a stream while another thread is still writing it: a lone frame, and
 // frames with junk, come out as from a file.
 TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
@@ -302,8 +134,10 @@ TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
   TempDir dir;
   const std::string file = dir.file("s.mjpeg"), fifo = dir.file("s.fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const Bytes& data :
-       {encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1), streamsCutByLaterBytes()[0]}) {
+  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
+  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
+  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
+  for (const Bytes& data : {a, concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk})}) {
     writeFile(file, data);
     const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
     const std::vector<Cut> expected = readCuts(mapped.get(), data);
@@ -341,7 +175,9 @@ TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
     const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
     const tool::JPEGHeaderInfo header = tool::readJPEGHeader(frame.data(), frame.size());
     ASSERT_TRUE(header.ok()) << header.error;
-    EXPECT_EQ(tool::samplingName(header.components), test.sampling);
+    jpeg::FrameHeader layout;
+    ASSERT_TRUE(jpeg::readFrameHeader(frame.data(), frame.size(), &layout));
+    EXPECT_EQ(tool::layoutName(layout), test.sampling);
     double distance = -1;
     EXPECT_EQ(tool::estimateQuality(header.dqt[header.components[0].tq], &distance), test.quality);
     EXPECT_EQ(distance, 0.0);

@@ -27,8 +27,8 @@ ColourSpace colourSpaceOf(const HeaderScan& scan) {
       if (id[0] == 'R' && id[1] == 'G' && id[2] == 'B') return ColourSpace::kRGB;
       return ColourSpace::kYCbCr;
     }
-    case 4:
-      return scan.adobe_transform == 2 ? ColourSpace::kYCCK : ColourSpace::kCMYK;
+    case 4:  // libjpeg takes any transform but 0 for YCCK
+      return scan.adobe_transform > 0 ? ColourSpace::kYCCK : ColourSpace::kCMYK;
     default:
       return ColourSpace::kUnknown;
   }
@@ -115,7 +115,8 @@ bool scanFrameHeader(const uint8_t* data, size_t size, HeaderScan* scan) {
     } else if (marker == 0xDD) {
       if (payload_length >= 2) scan->header.restart_interval = (payload[0] << 8) | payload[1];
     } else if (marker == 0xE0) {
-      if (payload_length >= 5 && std::memcmp(payload, "JFIF", 5) == 0) scan->jfif = true;
+      // libjpeg counts a JFIF segment only with its whole 14-byte header.
+      if (payload_length >= 14 && std::memcmp(payload, "JFIF", 5) == 0) scan->jfif = true;
     } else if (marker == 0xEE) {
       if (payload_length >= 12 && std::memcmp(payload, "Adobe", 5) == 0) {
         scan->adobe_transform = payload[11];
@@ -138,10 +139,51 @@ bool scanFrameHeader(const uint8_t* data, size_t size, HeaderScan* scan) {
   return scan->frame_header;
 }
 
+MarkerLoopStop ownMarkerLoopStop(const uint8_t* data, size_t size) {
+  MarkerLoopStop stop;
+  if (data == nullptr || size < 2) {
+    stop.ended = true;
+    return stop;
+  }
+  size_t pos = 2;  // behind SOI
+  for (;;) {
+    if (size - pos < 2) {
+      stop.ended = true;
+      return stop;
+    }
+    if (data[pos] != 0xFF) {
+      stop.junk = true;
+      return stop;
+    }
+    const int marker = data[pos + 1];
+    pos += 2;
+    if (marker == 0xDA) return stop;
+    const bool handled = marker == 0xC0 || marker == 0xC4 || marker == 0xDB || marker == 0xDD ||
+                         (marker >= 0xE0 && marker <= 0xEF) || marker == 0xFE;
+    if (!handled) {
+      stop.marker = marker;
+      return stop;
+    }
+    // Each parser takes exactly its segment, or fails a check of its own.
+    if (size - pos < 2) {
+      stop.ended = true;
+      return stop;
+    }
+    const size_t length = (static_cast<size_t>(data[pos]) << 8) | data[pos + 1];
+    if (length < 2 || length > size - pos) {
+      stop.ended = true;
+      return stop;
+    }
+    pos += length;
+  }
+}
+
 bool ownDecoderRefusesLayout(const HeaderScan& scan) {
   const FrameHeader& h = scan.header;
   if (!scan.frame_header) return false;
   if (h.sof_marker != 0xC0) return true;
+  // No components at all is a broken header, which the decoder refuses as such.
+  if (h.components == 0) return false;
   if (h.components < 3 || h.components > 4) return true;
   int blocks = 0;
   int slot[4] = {-1, -1, -1, -1};  // frame position of the components with ids 1, 2 and 3

@@ -25,9 +25,19 @@ struct HeaderScan {
 };
 
 // Walks `data` from SOI to the first SOS (or EOI, or the end of the data): junk and fill bytes
-// between segments are skipped as decoders skip them, the first SOFn is read, and segments
+// between segments are skipped as libjpeg skips them, the first SOFn is read, and segments
 // whose length runs past the data end the walk as truncated. Returns scan->frame_header.
 bool scanFrameHeader(const uint8_t* data, size_t size, HeaderScan* scan);
+
+// Where the own decoder's marker loop stops short of the scan. That loop, unlike the walk
+// above, takes segments only back to back (FF, marker, length, payload) and only SOF0, DHT,
+// DQT, DRI, APPn and COM among them.
+struct MarkerLoopStop {
+  int marker = -1;     // the first marker it doesn't handle, or -1
+  bool ended = false;  // the data ends where a marker or a segment is due
+  bool junk = false;   // a byte other than FF where a marker is due
+};
+MarkerLoopStop ownMarkerLoopStop(const uint8_t* data, size_t size);
 
 // Whether the library's own decoder refuses the frame for its process or its layout, whatever
 // the rest of the frame holds: it decodes baseline frames with components 1, 2 and 3, chroma

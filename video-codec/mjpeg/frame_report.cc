@@ -29,9 +29,11 @@ bool isUnsupported(RefusalReason reason) {
 }
 
 // Whether a plane of `rows` rows of `width` samples can be addressed at `plane` with `stride`.
-// A stride may be negative (a bottom-up plane), but not shorter than its row.
+// A stride may be negative (a bottom-up plane), but not shorter than its row. A plane with rows
+// must be there even when its rows are empty (chroma of a frame 1 pixel wide): the decoders
+// may write whole strides.
 bool planeUsable(const uint8_t* plane, int stride, int width, int rows) {
-  if (width <= 0 || rows <= 0) return true;  // nothing is written
+  if (rows <= 0) return true;  // nothing is written
   if (plane == nullptr) return false;
   const long long magnitude = stride < 0 ? -static_cast<long long>(stride) : stride;
   return magnitude >= width;
@@ -46,25 +48,59 @@ bool argumentsValid(const uint8_t* data, size_t size, int width, int height, con
          planeUsable(v, v_stride, cw, ch);
 }
 
-// Why the own decoder refused the frame, from the check that failed and the header walk.
-RefusalReason explainOwnRefusal(const RefusalNote& note, const HeaderScan& scan) {
-  if (!scan.soi) return RefusalReason::kNotJPEG;
-  // The marker loop stopped at a marker it doesn't handle: another SOFn, DAC, EOI, ...
-  if (note.marker >= 0) return RefusalReason::kUnsupportedProcess;
-  const char* condition = note.condition;
-  if (equals(note.function, "outputResults")) {
-    // The size comparison is the one site without a condition; every check behind it is
-    // about the sampling layout.
-    return condition == nullptr ? RefusalReason::kSizeMismatch : RefusalReason::kUnsupportedLayout;
+// Why the own decoder's marker loop stopped at `marker`, a marker that it doesn't handle.
+RefusalReason explainMarker(int marker) {
+  switch (marker) {
+    case 0xC1:
+    case 0xC2:
+    case 0xC3:  // extended, progressive, lossless
+    case 0xC5:
+    case 0xC6:
+    case 0xC7:  // the same, hierarchical
+    case 0xC9:
+    case 0xCA:
+    case 0xCB:  // arithmetic coding
+    case 0xCD:
+    case 0xCE:
+    case 0xCF:
+    case 0xCC:  // arithmetic conditioning tables
+    case 0xFF:  // a fill byte, which T.81 allows in front of any marker
+      return RefusalReason::kUnsupportedProcess;
+    case 0xD9:  // EOI: the frame ends before its scan
+      return RefusalReason::kTruncated;
+    default:  // RSTn, a second SOI, DNL, a stuffed zero, ...: a broken header
+      return RefusalReason::kBadHeader;
   }
-  if (equals(note.function, "parseSOF0")) {
+}
+
+// Why the own decoder refused the frame: from the check that failed (`note`), and where none
+// did, from where its marker loop stopped.
+RefusalReason explainOwnRefusal(const RefusalNote& note, const uint8_t* data, size_t size,
+                                const HeaderScan& scan) {
+  if (!scan.soi) return RefusalReason::kNotJPEG;
+  const char* function = note.function;
+  const char* condition = note.condition;
+  if (function == nullptr || equals(condition, "input.consumeUint8(0xff)") ||
+      equals(condition, "input.getUint8(&marker)")) {
+    const MarkerLoopStop stop = ownMarkerLoopStop(data, size);
+    if (stop.marker >= 0) return explainMarker(stop.marker);
+    if (stop.ended) return RefusalReason::kTruncated;
+    return RefusalReason::kBadHeader;
+  }
+  if (equals(function, "outputResults")) return RefusalReason::kUnsupportedLayout;
+  // The one way out of the output stage without a check of its own: the size comparison.
+  if (equals(function, "decompress") &&
+      equals(condition, "outputResults(width, height, y, y_stride, u, u_stride, v, v_stride)")) {
+    return RefusalReason::kSizeMismatch;
+  }
+  if (equals(function, "parseSOF0")) {
     if (equals(condition, "nb <= 10") || equals(condition, "component_id < kMaxComponents") ||
         (equals(condition, "len == 6 + 3 * num_components && num_components <= 4") &&
          scan.header.components > 4)) {
       return RefusalReason::kUnsupportedLayout;
     }
   }
-  if (equals(note.function, "parseSOS")) {
+  if (equals(function, "parseSOS")) {
     if (equals(condition, "plane_bytes <= kMaxPlaneBytes") ||
         equals(condition,
                "frame_bytes <= kLargeFrameBytes || input->getRemainingBytes() >= "
@@ -76,7 +112,7 @@ RefusalReason explainOwnRefusal(const RefusalNote& note, const HeaderScan& scan)
         (scan.spectral_start != 0 || scan.spectral_end != 63 || scan.approximation != 0)) {
       return RefusalReason::kUnsupportedProcess;
     }
-    // A component that the frame header names but whose id has no DC predictor.
+    // A component whose id has no DC predictor.
     if (equals(condition, "cs < 8")) return RefusalReason::kUnsupportedLayout;
   }
   if (scan.truncated) return RefusalReason::kTruncated;
@@ -146,6 +182,8 @@ const char* refusalReasonText(RefusalReason reason) {
       return "frame too large for its data";
     case RefusalReason::kTurboError:
       return "TurboJPEG error";
+    case RefusalReason::kOutOfMemory:
+      return "out of memory";
   }
   return "unknown reason";
 }
@@ -191,8 +229,12 @@ bool decodeFrame(const uint8_t* data, size_t size, int width, int height, uint8_
                                      options.insert_dht, y, y_stride, u, u_stride, v, v_stride);
   const RefusalNote note = refusalNote();
   clearRefusalNote();
-  if (note.function != nullptr) {
-    const RefusalReason reason = explainOwnRefusal(note, scan);
+  // The decoder returns false in three ways: a failed check (noted), the marker loop stopping at
+  // a marker it doesn't handle (before the scan header, so no block list), and too few good
+  // MCUs (after the whole scan and the output). Only the last writes the planes.
+  const bool refused = !ok && (note.function != nullptr || decoder.mcu_blocks_.empty());
+  if (refused) {
+    const RefusalReason reason = explainOwnRefusal(note, data, size, scan);
     if (options.fallback && isUnsupported(reason)) {
       return decodeTurbo(data, size, width, height, y, y_stride, u, u_stride, v, v_stride, options,
                          scan, DecodePath::kTurboFallback, report);

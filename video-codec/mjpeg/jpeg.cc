@@ -125,7 +125,6 @@ bool SimpleJPEGDecoder::decompress(const uint8_t* data, size_t size, int width, 
       JPEG_CHECK(parseAndIgnoreMarker(&input));
     } else {
       // Other SOFn (progressive, arithmetic, ...), EOI, RSTn, DAC, DNL, 0x00 and 0xFF.
-      noteRefusal(__func__, nullptr, marker);
       VIDRA_LOGF(3, "mjpeg", "Unhandled JPEG marker %02x", static_cast<unsigned>(marker));
       return false;
     }

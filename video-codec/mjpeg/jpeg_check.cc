@@ -9,11 +9,10 @@ thread_local RefusalNote t_refusal_note;
 
 }  // namespace
 
-void noteRefusal(const char* function, const char* condition, int marker) {
+void noteRefusal(const char* function, const char* condition) {
   if (t_refusal_note.function != nullptr) return;
   t_refusal_note.function = function;
   t_refusal_note.condition = condition;
-  t_refusal_note.marker = marker;
 }
 
 void clearRefusalNote() { t_refusal_note = RefusalNote(); }

@@ -12,16 +12,15 @@
 namespace vidra {
 namespace jpeg {
 
-// Where the calling thread's decoder last refused a frame. Written only on a refusal, so a
-// frame that decodes pays nothing for it.
+// The first check that failed on the calling thread since the last clearRefusalNote(). Written
+// only on a refusal, so a frame that decodes pays nothing for it.
 struct RefusalNote {
-  const char* function = nullptr;   // null: no refusal since the last clearRefusalNote()
-  const char* condition = nullptr;  // the failed check as written, or null for explicit sites
-  int marker = -1;                  // the marker that ended the marker loop, or -1
+  const char* function = nullptr;   // null: no check failed
+  const char* condition = nullptr;  // the check as written
 };
 
-// Records a refusal unless one is already recorded since the last clearRefusalNote().
-void noteRefusal(const char* function, const char* condition, int marker = -1);
+// Records a failed check unless one is already recorded.
+void noteRefusal(const char* function, const char* condition);
 void clearRefusalNote();
 RefusalNote refusalNote();
 

@@ -27,7 +27,6 @@ bool planeHolds(const Channel& channel, int width, int height) {
 bool SimpleJPEGDecoder::outputResults(int width, int height, uint8_t* y, int y_stride, uint8_t* u,
                                       int u_stride, uint8_t* v, int v_stride) {
   if (width != header_.width_ || height != header_.height_) {
-    noteRefusal(__func__, nullptr);
     VIDRA_LOGF(2, "mjpeg", "Wrong output image size. Expected %dx%d got %dx%d.", header_.width_,
                header_.height_, width, height);
     return false;
