@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,19 @@ TEST(DecodeTest, EncodedLayouts) {
         test::encodeTestFrame(320, 240, TJSAMP_422, 90, 0),
         test::stripDHT(test::encodeTestFrame(17, 33, TJSAMP_444, 100, 1))})
     checkFrame(frame, 1);
+}
+
+// The library's table takes vector forms exactly where the probe reports a vector extension
+// (SSSE3 + SSE4.1, or NEON, neither hidden by VIDRA_CPU_MASK), and then all that it allows.
+TEST(DecodeTest, TableFollowsTheProbe) {
+  DSPFunctions probed;
+  initDSPScalar(&probed);
+  initDSPx86(&probed, g_cpu_info_);
+  initDSPArm(&probed, g_cpu_info_);
+  EXPECT_EQ(std::memcmp(&dsp(), &probed, sizeof(probed)), 0);
+  const bool vector = g_cpu_info_.supports_fast_decoder() || g_cpu_info_.has_neon();
+  EXPECT_EQ(dsp().reconstructBlock != &reconstructBlock_c, vector);
+  EXPECT_EQ(dsp().decodeMCUSpan != &decodeMCUSpan_c, vector);
 }
 
 }  // namespace
