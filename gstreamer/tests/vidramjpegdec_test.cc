@@ -1,0 +1,462 @@
+// vidramjpegdec through GstHarness: its pictures against the library's own, downstream buffer
+// layouts, what becomes of damaged and refused frames, byte streams, renegotiation.
+//
+// Frames come from the corpus and from make_streams.sh, which generates more from it at test
+// time ("streams/..."); tests whose frames are missing skip.
+#include <gst/check/gstharness.h>
+#include <gst/gst.h>
+#include <gst/video/video.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "vidra/mjpeg.h"
+
+#if defined(__SANITIZE_ADDRESS__)  // GCC
+#define VIDRA_TEST_ASAN 1
+#elif defined(__has_feature)  // clang
+#if __has_feature(address_sanitizer)
+#define VIDRA_TEST_ASAN 1
+#endif
+#endif
+#ifdef VIDRA_TEST_ASAN
+// GLib has no frame pointers: unwinding through it the slow way tells the buffer that GLib's
+// own library constructor keeps for the life of the process from the element's leaks.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return "fast_unwind_on_malloc=0";
+}
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
+  return "leak:_dl_init\n";
+}
+#endif
+
+namespace {
+
+namespace vj = vidra::jpeg;
+
+constexpr const char* kMetaName = "VidraMjpegDecodeMeta";
+
+std::string pathOf(const std::string& name) {
+  if (name.rfind("streams/", 0) == 0) return VIDRA_GST_STREAMS_DIR + name.substr(7);
+  return VIDRA_CORPUS_DIR "/" + name;
+}
+
+bool readFile(const std::string& name, std::vector<uint8_t>* data) {
+  gchar* contents = nullptr;
+  gsize size = 0;
+  if (!g_file_get_contents(pathOf(name).c_str(), &contents, &size, nullptr)) return false;
+  data->assign(contents, contents + size);
+  g_free(contents);
+  return true;
+}
+
+#define READ_OR_SKIP(name, data) \
+  if (!readFile((name), (data))) GTEST_SKIP() << pathOf(name) << " is absent (corpus or tools)"
+
+// "streams/odd-641x481.jpg" gives "odd_641x481".
+std::string nameOf(std::string name) {
+  name = name.substr(name.rfind('/') + 1);
+  name.erase(name.rfind('.'));
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return !g_ascii_isalnum(c); }, '_');
+  return name;
+}
+
+// The library's own decode of a frame, planes packed, with the fallback as the element has it.
+struct Reference {
+  int width = 0, height = 0;
+  std::vector<uint8_t> planes[3];
+  vj::FrameReport report;
+};
+
+Reference decodeReference(const std::vector<uint8_t>& frame) {
+  Reference ref;
+  vj::FrameHeader header;
+  EXPECT_TRUE(vj::readFrameHeader(frame.data(), frame.size(), &header));
+  ref.width = header.width;
+  ref.height = header.height;
+  const int cw = ref.width / 2, ch = ref.height / 2;
+  ref.planes[0].resize(size_t(ref.width) * ref.height);
+  ref.planes[1].resize(size_t(cw) * ch + 1);
+  ref.planes[2].resize(size_t(cw) * ch + 1);
+  vj::DecodeOptions options;
+  options.fallback = true;
+  vj::decodeFrame(frame.data(), frame.size(), ref.width, ref.height, ref.planes[0].data(),
+                  ref.width, ref.planes[1].data(), cw, ref.planes[2].data(), cw, options,
+                  &ref.report);
+  return ref;
+}
+
+// Whether the library's automatic choice is its own decoder (SSSE3 and SSE4.1 present and not
+// hidden by VIDRA_CPU_MASK). Else it is TurboJPEG, which conceals nothing and refuses a frame
+// without EOI, and the fallback has nothing to do.
+bool ownDecoderRuns() {
+  std::vector<uint8_t> frame;
+  return readFile("reftest/jpg-size-17x17.jpg", &frame) &&
+         decodeReference(frame).report.path == vj::DecodePath::kOwn;
+}
+
+bool shown(const Reference& ref) {
+  return ref.report.status == vj::FrameStatus::kClean ||
+         ref.report.status == vj::FrameStatus::kConcealed;
+}
+
+GstBuffer* bufferOf(const std::vector<uint8_t>& data, GstClockTime pts = 0) {
+  GstBuffer* buffer = gst_buffer_new_memdup(data.data(), data.size());
+  GST_BUFFER_PTS(buffer) = pts;
+  return buffer;
+}
+
+// `buffer` (laid out by its GstVideoMeta, or by default) holds the library's picture, with the
+// chroma column and row that odd sizes add repeating their neighbours, and neutral chroma
+// where the library has none.
+void expectPicture(GstBuffer* buffer, const Reference& ref) {
+  GstVideoInfo info;
+  gst_video_info_set_format(&info, GST_VIDEO_FORMAT_I420, ref.width, ref.height);
+  GstVideoFrame frame;
+  ASSERT_TRUE(gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ));
+  for (int plane = 0; plane < 3; ++plane) {
+    const auto* data = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
+    const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
+    const int w = plane ? ref.width / 2 : ref.width, h = plane ? ref.height / 2 : ref.height;
+    int mismatches = 0;
+    for (int row = 0; row < GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane); ++row) {
+      for (int col = 0; col < GST_VIDEO_FRAME_COMP_WIDTH(&frame, plane); ++col) {
+        const size_t at = std::min(row, h - 1) * w + std::min(col, w - 1);
+        mismatches += data[row * stride + col] != (w && h ? ref.planes[plane][at] : 0x80);
+      }
+    }
+    EXPECT_EQ(mismatches, 0) << "plane " << plane;
+  }
+  gst_video_frame_unmap(&frame);
+}
+
+struct Harness {
+  GstHarness* h;
+  GstBus* bus = gst_bus_new();
+  std::vector<GstMessageType> messages;
+
+  explicit Harness(const char* properties = "",
+                   const char* caps = "image/jpeg,parsed=(boolean)true") {
+    h = gst_harness_new_parse((std::string("vidramjpegdec ") + properties).c_str());
+    gst_element_set_bus(h->element, bus);
+    gst_harness_set_src_caps_str(h, caps);
+  }
+  ~Harness() {
+    gst_bus_set_flushing(bus, TRUE);  // its messages hold the element, which holds the bus
+    gst_harness_teardown(h);
+    gst_object_unref(bus);
+  }
+  // Takes the messages off the bus and counts those of `type` so far.
+  int count(GstMessageType type) {
+    while (GstMessage* message = gst_bus_pop(bus)) {
+      messages.push_back(GST_MESSAGE_TYPE(message));
+      gst_message_unref(message);
+    }
+    return static_cast<int>(std::count(messages.begin(), messages.end(), type));
+  }
+};
+
+// ---- Pictures ------------------------------------------------------------------------------
+
+struct PictureCase {
+  const char* frame;
+  bool needs_fallback;  // the library's own decoder refuses it
+};
+void PrintTo(const PictureCase& c, std::ostream* os) { *os << c.frame; }
+
+class Pictures : public testing::TestWithParam<PictureCase> {};
+
+TEST_P(Pictures, EqualTheLibrarysAndNeedTheFallbackWhereTheOwnDecoderRefuses) {
+  std::vector<uint8_t> data;
+  READ_OR_SKIP(GetParam().frame, &data);
+  const Reference ref = decodeReference(data);
+  if (ref.report.status == vj::FrameStatus::kRefused && !ownDecoderRuns()) {
+    GTEST_SKIP() << "TurboJPEG refuses it: " << vj::refusalReasonText(ref.report.reason);
+  }
+  ASSERT_EQ(ref.report.status, vj::FrameStatus::kClean);
+  const bool refused_by_own = GetParam().needs_fallback && ownDecoderRuns();
+  EXPECT_EQ(ref.report.path == vj::DecodePath::kTurboFallback, refused_by_own);
+  for (bool fallback : {true, false}) {
+    Harness harness(fallback ? "fallback=true" : "fallback=false");
+    ASSERT_EQ(gst_harness_push(harness.h, bufferOf(data)), GST_FLOW_OK);
+    GstBuffer* out = gst_harness_try_pull(harness.h);
+    if (!fallback) {
+      EXPECT_EQ(out == nullptr, refused_by_own);
+    } else {
+      ASSERT_NE(out, nullptr);
+      GstCaps* caps = gst_pad_get_current_caps(harness.h->sinkpad);
+      GstStructure* s = gst_caps_get_structure(caps, 0);
+      EXPECT_STREQ(gst_structure_get_string(s, "format"), "I420");
+      EXPECT_STREQ(gst_structure_get_string(s, "colorimetry"), "1:4:0:0");
+      EXPECT_STREQ(gst_structure_get_string(s, "chroma-site"), "jpeg");
+      gst_caps_unref(caps);
+      EXPECT_FALSE(GST_BUFFER_FLAG_IS_SET(out, GST_BUFFER_FLAG_CORRUPTED));
+      expectPicture(out, ref);
+    }
+    if (out) gst_buffer_unref(out);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, Pictures,
+    testing::Values(PictureCase{"webcam-480p/again-00.jpg", false},  // 4:2:2, no DHT, restarts
+                    PictureCase{"webcam-720p/book-03.jpg", false},   // 4:2:2, no restarts
+                    PictureCase{"reftest/mjpeg.jpg", false},         // a real camera's frame
+                    PictureCase{"streams/cjpeg-420.jpg", false},     // 4:2:0
+                    PictureCase{"streams/odd-641x481.jpg", false},   // 4:2:0, odd size
+                    PictureCase{"reftest/jpg-size-17x17.jpg", false},
+                    PictureCase{"reftest/jpg-size-1x1.jpg", false},
+                    PictureCase{"streams/ffmpeg-422.jpg", true},  // chroma 1x2
+                    PictureCase{"reftest/jpg-progressive.jpg", true},
+                    PictureCase{"reftest/jpg-gray.jpg", true}),
+    [](const testing::TestParamInfo<PictureCase>& info) { return nameOf(info.param.frame); });
+
+// ---- Downstream buffer layouts -------------------------------------------------------------
+
+// Answers the allocation query with a pool whose buffers have padded rows and a top margin.
+GstPadProbeReturn offerPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
+  GstQuery* query = GST_PAD_PROBE_INFO_QUERY(info);
+  if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) return GST_PAD_PROBE_OK;
+  GstCaps* caps = nullptr;
+  gst_query_parse_allocation(query, &caps, nullptr);
+  GstVideoInfo vinfo;
+  gst_video_info_from_caps(&vinfo, caps);
+  GstBufferPool* pool = gst_video_buffer_pool_new();
+  GstStructure* config = gst_buffer_pool_get_config(pool);
+  gst_buffer_pool_config_set_params(config, caps, vinfo.size, 0, 0);
+  gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
+  gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_ALIGNMENT);
+  GstVideoAlignment align;
+  gst_video_alignment_reset(&align);
+  align.padding_top = 2;
+  align.padding_right = 40;
+  align.padding_bottom = 6;
+  gst_buffer_pool_config_set_video_alignment(config, &align);
+  gst_buffer_pool_set_config(pool, config);
+  gst_query_add_allocation_pool(query, pool, vinfo.size, 0, 0);
+  gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
+  gst_object_unref(pool);
+  return GST_PAD_PROBE_HANDLED;
+}
+
+enum Downstream { kNoVideoMeta, kVideoMeta, kPaddedPool };
+const char* const kDownstreamNames[] = {"NoVideoMeta", "VideoMeta", "PaddedPool"};
+void PrintTo(Downstream d, std::ostream* os) { *os << kDownstreamNames[d]; }
+
+class Layouts : public testing::TestWithParam<Downstream> {};
+
+TEST_P(Layouts, FollowTheBuffersStrides) {
+  std::vector<uint8_t> data;
+  READ_OR_SKIP("streams/odd-641x481.jpg", &data);  // default strides are padded too: 644, 324
+  Harness harness;
+  if (GetParam() == kVideoMeta) {
+    gst_harness_add_propose_allocation_meta(harness.h, GST_VIDEO_META_API_TYPE, nullptr);
+  } else if (GetParam() == kPaddedPool) {
+    GstPad* src = gst_element_get_static_pad(harness.h->element, "src");
+    gst_pad_add_probe(src, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, offerPaddedPool, nullptr, nullptr);
+    gst_object_unref(src);
+  }
+  ASSERT_EQ(gst_harness_push(harness.h, bufferOf(data)), GST_FLOW_OK);
+  GstBuffer* out = gst_harness_try_pull(harness.h);
+  ASSERT_NE(out, nullptr);
+  const GstVideoMeta* meta = gst_buffer_get_video_meta(out);
+  ASSERT_EQ(meta != nullptr, GetParam() != kNoVideoMeta);
+  if (meta) {
+    // Our own pool aligns rows to 32 bytes; the padded pool adds 40 samples and a top margin.
+    EXPECT_GE(meta->stride[0], GetParam() == kPaddedPool ? 681 : 672);
+    EXPECT_EQ(meta->stride[0] % 32, 0);
+    EXPECT_EQ(meta->offset[0] > 0, GetParam() == kPaddedPool);
+  }
+  expectPicture(out, decodeReference(data));
+  gst_buffer_unref(out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Downstreams, Layouts,
+                         testing::Values(kNoVideoMeta, kVideoMeta, kPaddedPool),
+                         [](const testing::TestParamInfo<Downstream>& info) {
+                           return std::string(kDownstreamNames[info.param]);
+                         });
+
+// ---- Damaged and refused frames ------------------------------------------------------------
+
+constexpr const char* kConcealed = "damaged/flip-again-00.jpg";  // a damaged restart span
+constexpr const char* kFailed = "damaged/trunc-again-00.jpg";    // a third of its data missing
+constexpr const char* kRefused = "reftest/rgb.jpg";
+
+struct OutcomeCase {
+  const char* name;
+  const char* frame;
+  const char* properties;
+  bool input_corrupted;
+  GstFlowReturn flow;
+  const char* meta;  // the meta's status on a picture that goes out; "" none; nullptr no picture
+  int qos, errors;   // messages
+};
+void PrintTo(const OutcomeCase& c, std::ostream* os) { *os << c.name; }
+
+class Outcomes : public testing::TestWithParam<OutcomeCase> {};
+
+TEST_P(Outcomes, FollowTheLibrarysReport) {
+  const OutcomeCase& c = GetParam();
+  std::vector<uint8_t> data;
+  READ_OR_SKIP(c.frame, &data);
+  if ((c.frame == kConcealed || c.frame == kFailed) && !ownDecoderRuns()) {
+    GTEST_SKIP() << "TurboJPEG decodes here, and conceals nothing";
+  }
+  Harness harness(c.properties);
+  GstBuffer* in = bufferOf(data);
+  if (c.input_corrupted) GST_BUFFER_FLAG_SET(in, GST_BUFFER_FLAG_CORRUPTED);
+  EXPECT_EQ(gst_harness_push(harness.h, in), c.flow);
+  GstBuffer* out = gst_harness_try_pull(harness.h);
+  ASSERT_EQ(out != nullptr, c.meta != nullptr);
+  if (out) {
+    const Reference ref = decodeReference(data);
+    EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(out, GST_BUFFER_FLAG_CORRUPTED),
+              c.input_corrupted || c.meta[0] != '\0');
+    GstCustomMeta* meta = gst_buffer_get_custom_meta(out, kMetaName);
+    ASSERT_EQ(meta != nullptr, c.meta[0] != '\0');
+    if (meta) {
+      const GstStructure* s = gst_custom_meta_get_structure(meta);
+      int total = 0, valid = 0;
+      EXPECT_TRUE(gst_structure_get_int(s, "total-mcus", &total));
+      EXPECT_TRUE(gst_structure_get_int(s, "valid-mcus", &valid));
+      EXPECT_EQ(total, ref.report.total_mcus);
+      EXPECT_EQ(valid, ref.report.valid_mcus);
+      EXPECT_STREQ(gst_structure_get_string(s, "status"), c.meta);
+      EXPECT_STREQ(gst_structure_get_string(s, "path"), "own");
+    }
+    expectPicture(out, ref);  // concealed as the library conceals
+    gst_buffer_unref(out);
+  }
+  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), c.qos);
+  EXPECT_EQ(harness.count(GST_MESSAGE_ERROR), c.errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, Outcomes,
+    testing::Values(
+        OutcomeCase{"Clean", "webcam-480p/again-01.jpg", "", false, GST_FLOW_OK, "", 0, 0},
+        OutcomeCase{"InputFlagged", "webcam-480p/again-01.jpg", "", true, GST_FLOW_OK, "", 0, 0},
+        OutcomeCase{"Concealed", kConcealed, "", false, GST_FLOW_OK, "concealed", 0, 0},
+        OutcomeCase{"ConcealedDiscarded", kConcealed, "discard-corrupted-frames=true", false,
+                    GST_FLOW_OK, nullptr, 0, 0},
+        OutcomeCase{"Failed", kFailed, "", false, GST_FLOW_OK, nullptr, 1, 0},
+        OutcomeCase{"FailedNoErrorsAllowed", kFailed, "max-errors=0", false, GST_FLOW_ERROR,
+                    nullptr, 1, 1},
+        OutcomeCase{"FailedSentOn", kFailed, "output-failed=true", false, GST_FLOW_OK, "failed", 0,
+                    0},
+        OutcomeCase{"Refused", kRefused, "output-failed=true", false, GST_FLOW_OK, nullptr, 1, 0},
+        OutcomeCase{"RefusedNoErrorsAllowed", kRefused, "max-errors=0", false, GST_FLOW_ERROR,
+                    nullptr, 1, 1},
+        // Refused before anything of that size is negotiated or allocated.
+        OutcomeCase{"HeaderClaims65535x65535", "streams/huge-header.jpg", "", false, GST_FLOW_OK,
+                    nullptr, 1, 0}),
+    [](const testing::TestParamInfo<OutcomeCase>& info) { return std::string(info.param.name); });
+
+// ---- Streams -------------------------------------------------------------------------------
+
+struct ByteStreamCase {
+  const char* name;
+  std::vector<const char*> frames;  // the last one goes in without its EOI
+  int max_piece;                    // pieces of 1..max_piece bytes
+};
+void PrintTo(const ByteStreamCase& c, std::ostream* os) { *os << c.name; }
+
+class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
+
+// Frames with junk around them, in pieces and without timestamps: each frame comes out as soon
+// as its EOI is in (no latency), the last one (without EOI) at the end of the stream, when its
+// decoder takes it. Sizes change from frame to frame: each picture needs buffers renegotiated
+// for it.
+TEST_P(ByteStreams, AreCutIntoTheirFramesWhateverThePieces) {
+  const ByteStreamCase& c = GetParam();
+  const std::string junk("junk\xFF\xD8\x00\xFF", 8);  // an SOI without a marker behind it
+  std::vector<uint8_t> stream(junk.begin(), junk.end()), frame;
+  std::vector<Reference> refs;
+  std::vector<size_t> pictures;
+  std::vector<size_t> frame_ends;  // and how many pictures have come out by then
+  for (size_t i = 0; i < c.frames.size(); ++i) {
+    READ_OR_SKIP(c.frames[i], &frame);
+    if (i + 1 == c.frames.size()) frame.resize(frame.size() - 2);
+    refs.push_back(decodeReference(frame));
+    stream.insert(stream.end(), frame.begin(), frame.end());
+    frame_ends.push_back(stream.size());
+    pictures.push_back((pictures.empty() ? 0 : pictures.back()) + shown(refs.back()));
+    if (i % 2) stream.insert(stream.end(), junk.begin(), junk.end());
+  }
+  Harness harness("", "image/jpeg");
+  GRand* rand = g_rand_new_with_seed(17);
+  for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
+    const size_t size =
+        std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, c.max_piece + 1));
+    ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)), GST_FLOW_OK);
+    pos += size;
+    while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
+    ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
+        << "at byte " << pos;
+  }
+  g_rand_free(rand);
+  gst_harness_push_event(harness.h, gst_event_new_eos());
+  ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
+  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
+  for (const Reference& ref : refs) {
+    if (!shown(ref)) continue;
+    GstBuffer* out = gst_harness_pull(harness.h);
+    expectPicture(out, ref);
+    gst_buffer_unref(out);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pieces, ByteStreams,
+    testing::Values(ByteStreamCase{"OneByte",
+                                   {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
+                                    "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"},
+                                   1},
+                    ByteStreamCase{"RandomSizes",
+                                   {"webcam-480p/again-00.jpg", "webcam-480p/again-01.jpg",
+                                    "webcam-720p/book-02.jpg", "streams/odd-641x481.jpg",
+                                    "webcam-480p/book-05.jpg"},
+                                   9000}),
+    [](const testing::TestParamInfo<ByteStreamCase>& info) {
+      return std::string(info.param.name);
+    });
+
+// Timestamped frames without parsed=true, as a demuxer sends them, are decoded one per buffer:
+// a frame without EOI comes out at once, with its timestamp. The element adds no latency.
+TEST(Stream, TimestampedFramesArePacketized) {
+  std::vector<uint8_t> frame;
+  READ_OR_SKIP("webcam-480p/again-02.jpg", &frame);
+  if (!ownDecoderRuns()) GTEST_SKIP() << "TurboJPEG decodes here, and refuses a frame without EOI";
+  const std::vector<uint8_t> no_eoi(frame.begin(), frame.end() - 2);
+  Harness harness("", "image/jpeg");
+  EXPECT_EQ(gst_harness_query_latency(harness.h), 0u);
+  ASSERT_EQ(gst_harness_push(harness.h, bufferOf(frame, 0)), GST_FLOW_OK);
+  ASSERT_EQ(gst_harness_push(harness.h, bufferOf(no_eoi, 40 * GST_MSECOND)), GST_FLOW_OK);
+  ASSERT_EQ(gst_harness_buffers_received(harness.h), 2u);
+  for (GstClockTime pts : {GstClockTime{0}, GstClockTime{40 * GST_MSECOND}}) {
+    GstBuffer* out = gst_harness_pull(harness.h);
+    EXPECT_EQ(GST_BUFFER_PTS(out), pts);
+    gst_buffer_unref(out);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Only this plugin, from the build tree, with the registry there too and scanned in this
+  // process (GStreamer's scanner helper can't load a sanitizer build): the harness needs no
+  // other element, and test discovery and runs by hand find it as CTest's runs do.
+  g_setenv("GST_PLUGIN_PATH_1_0", VIDRA_GST_PLUGIN_DIR, TRUE);
+  g_setenv("GST_PLUGIN_SYSTEM_PATH_1_0", "", TRUE);
+  g_setenv("GST_REGISTRY_1_0", VIDRA_GST_REGISTRY, TRUE);
+  g_setenv("GST_REGISTRY_FORK", "no", TRUE);
+  gst_init(&argc, &argv);
+  testing::InitGoogleTest(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  gst_deinit();
+  return result;
+}
