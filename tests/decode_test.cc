@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,7 @@ void checkFrame(const std::vector<uint8_t>& frame, int expect) {
   initDSPScalar(&forms[0]);
   forms[1] = forms[0];
   initDSPx86(&forms[1], g_cpu_info_);
+  initDSPArm(&forms[1], g_cpu_info_);
   std::vector<test::Planes> pictures(2, test::Planes(width, height));
   bool ok[2];
   for (int i = 0; i < 2; ++i) {
@@ -172,6 +174,19 @@ TEST(DecodeTest, DirectOutputChangesNothing) {
     }
   }
   EXPECT_GT(direct, 10) << "no frame went straight to the caller's planes";
+}
+
+// The library's table takes vector forms exactly where the probe reports a vector extension
+// (SSSE3 + SSE4.1, or NEON, neither hidden by VIDRA_CPU_MASK), and then all that it allows.
+TEST(DecodeTest, TableFollowsTheProbe) {
+  DSPFunctions probed;
+  initDSPScalar(&probed);
+  initDSPx86(&probed, g_cpu_info_);
+  initDSPArm(&probed, g_cpu_info_);
+  EXPECT_EQ(std::memcmp(&dsp(), &probed, sizeof(probed)), 0);
+  const bool vector = g_cpu_info_.supports_fast_decoder() || g_cpu_info_.has_neon();
+  EXPECT_EQ(dsp().reconstructBlock != &reconstructBlock_c, vector);
+  EXPECT_EQ(dsp().decodeMCUSpan != &decodeMCUSpan_c, vector);
 }
 
 }  // namespace

@@ -104,11 +104,21 @@ TEST(CpuInfoTest, MaskHidesFeatures) {
   setenv("VIDRA_CPU_MASK", "noavx2", 1);
   const CPUInfo no_avx2;
   EXPECT_FALSE(no_avx2.has_avx2());
+  for (const char* mask : {"noneon", "nosse41,noneon", "nosimd"}) {
+    setenv("VIDRA_CPU_MASK", mask, 1);
+    EXPECT_FALSE(CPUInfo().has_neon()) << mask;
+  }
   unsetenv("VIDRA_CPU_MASK");
   const CPUInfo plain;
 #if defined(__x86_64__)
   const bool both = __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("sse4.1");
   EXPECT_TRUE(!both || plain.supports_fast_decoder());
+#endif
+  // Every aarch64 processor has NEON; no other has it.
+#if defined(__aarch64__)
+  EXPECT_TRUE(plain.has_neon());
+#else
+  EXPECT_FALSE(plain.has_neon());
 #endif
   EXPECT_EQ(plain.supports_fast_decoder(), plain.has_ssse3() && plain.has_sse41());
   EXPECT_EQ(no_avx2.supports_fast_decoder(), plain.supports_fast_decoder());

@@ -14,7 +14,7 @@ namespace vidra {
 namespace {
 
 // Applies VIDRA_CPU_MASK; unknown words are ignored.
-void applyMask(bool* ssse3, bool* sse41, bool* avx2) {
+void applyMask(bool* ssse3, bool* sse41, bool* avx2, bool* neon) {
   const char* mask = std::getenv("VIDRA_CPU_MASK");
   if (mask == nullptr) return;
   std::stringstream words(mask);
@@ -26,10 +26,13 @@ void applyMask(bool* ssse3, bool* sse41, bool* avx2) {
       *sse41 = false;
     } else if (word == "noavx2") {
       *avx2 = false;
+    } else if (word == "noneon") {
+      *neon = false;
     } else if (word == "nosimd") {
       *ssse3 = false;
       *sse41 = false;
       *avx2 = false;
+      *neon = false;
     }
   }
 }
@@ -71,7 +74,11 @@ CPUInfo::CPUInfo() {
     brand_ = first == std::string::npos ? std::string() : brand_.substr(first);
   }
 #endif
-  applyMask(&ssse3_, &sse41_, &avx2_);
+#if defined(__aarch64__)
+  // Advanced SIMD is a mandatory part of the architecture.
+  neon_ = true;
+#endif
+  applyMask(&ssse3_, &sse41_, &avx2_, &neon_);
 }
 
 CPUInfo::~CPUInfo() = default;

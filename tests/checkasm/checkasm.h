@@ -33,7 +33,9 @@ inline const Tables& tables() {
     jpeg::initDSPScalar(&result.scalar);
     result.vector = result.scalar;
     jpeg::initDSPx86(&result.vector, jpeg::g_cpu_info_);
-    result.vector_available = jpeg::g_cpu_info_.supports_fast_decoder();
+    jpeg::initDSPArm(&result.vector, jpeg::g_cpu_info_);
+    result.vector_available =
+        jpeg::g_cpu_info_.supports_fast_decoder() || jpeg::g_cpu_info_.has_neon();
     return result;
   }();
   return t;

@@ -290,9 +290,10 @@ int runBench(int argc, char** argv, int first) {
 
   const CPUInfo cpu;
   std::printf("CPU: %s%s\n", cpu.brand().empty() ? "unknown" : cpu.brand().c_str(),
-              ownDecoderFast() ? ""
-                               : "\nnote: SSSE3/SSE4.1 are missing or masked, so 'vidra own "
-                                 "decoder' runs its scalar forms");
+              ownDecoderFast() || cpu.has_neon()
+                  ? ""
+                  : "\nnote: no vector forms here (SSSE3/SSE4.1 or NEON missing or masked), so "
+                    "'vidra own decoder' runs its scalar forms");
   std::vector<int> thread_counts{1};
   if (threads > 1) thread_counts.push_back(threads);
   bool vidra_refused = false;

@@ -34,6 +34,20 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
 #endif
 }
 
+void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu) {
+#if defined(__aarch64__)
+  if (!cpu.has_neon()) return;
+  dsp->resample444To420 = resample444To420_neon;
+  dsp->resample422To420 = resample422To420_neon;
+  dsp->interpolateRange16 = interpolateRange16_neon;
+  dsp->reconstructBlock = reconstructBlock_neon;
+  dsp->decodeMCUSpan = decodeMCUSpan_neon;
+#else
+  (void)dsp;
+  (void)cpu;
+#endif
+}
+
 namespace {
 std::atomic<const DSPFunctions*> g_dsp_for_testing{nullptr};
 }  // namespace
@@ -49,6 +63,7 @@ const DSPFunctions& dsp() {
     DSPFunctions functions;
     initDSPScalar(&functions);
     initDSPx86(&functions, g_cpu_info_);
+    initDSPArm(&functions, g_cpu_info_);
     return functions;
   }();
   return table;

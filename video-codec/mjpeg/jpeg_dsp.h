@@ -1,11 +1,12 @@
 // Per-processor function table of the decoder's sample loops.
 //
-// Every loop exists as a plain scalar form (suffix _c) and, on x86-64, as vector forms by
-// level: SSSE3 + SSE4.1 (suffix _sse41), then AVX2 with BMI1 and BMI2 (suffix _avx2), each
-// giving the same bytes. The table that the library uses is filled once from g_cpu_info_: the
-// scalar forms first, then initDSPx86() upgrades it level by level as far as the processor
-// allows, returning at the first level it doesn't. The test harness builds the scalar and the
-// fullest table and compares each vector form with its scalar twin.
+// Every loop exists as a plain scalar form (suffix _c) and as vector forms by level that give
+// the same bytes: on x86-64 SSSE3 + SSE4.1 (suffix _sse41), then AVX2 with BMI1 and BMI2
+// (suffix _avx2); on aarch64 NEON (suffix _neon). The table that the library uses is filled
+// once from g_cpu_info_: the scalar forms first, then initDSPx86() upgrades it level by level
+// as far as the processor allows, returning at the first level it doesn't, and initDSPArm()
+// does the same for NEON. The test harness builds the scalar and the fullest table and
+// compares each vector form with its scalar twin.
 #pragma once
 
 #include <cstdint>
@@ -44,8 +45,10 @@ struct DSPFunctions {
 
 // Fills `dsp` with the scalar forms.
 void initDSPScalar(DSPFunctions* dsp);
-// Replaces entries by vector forms where `cpu` allows them.
+// Replace entries by vector forms where `cpu` allows them; each does nothing on the other
+// processor family.
 void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu);
+void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu);
 // The table for this process, from g_cpu_info_.
 const DSPFunctions& dsp();
 // Tests only: makes dsp() return `functions` (null: the probed table again), so that a test
@@ -88,6 +91,19 @@ void resample444To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int
 void resample422To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                            int width, int height);
 int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+#endif
+
+#if defined(__aarch64__)
+// NEON forms; call only where initDSPArm() allows them.
+void resample444To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+void resample422To420_neon(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                           int width, int height);
+void interpolateRange16_neon(uint8_t* dest, int h, int stride, const uint8_t* top,
+                             const uint8_t* bottom);
+void reconstructBlock_neon(const int16_t* coefficients, uint8_t position_mask,
+                           uint8_t last_position, uint8_t* dest, int stride);
+int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
 #endif
 
 }  // namespace jpeg

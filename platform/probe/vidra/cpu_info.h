@@ -6,8 +6,10 @@
 //   nossse3   hide SSSE3
 //   nosse41   hide SSE4.1 (also accepted: nosse4.1)
 //   noavx2    hide AVX2 (reported together with BMI1 and BMI2)
+//   noneon    hide NEON
 //   nosimd    hide every vector extension this probe reports
-// On processors other than x86-64 every feature reads as absent.
+// The x86 features read as absent on other processors, NEON everywhere but on aarch64, where
+// every processor has it.
 #pragma once
 
 #include <string>
@@ -31,6 +33,8 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   bool has_sse41() const { return sse41_; }
   // AVX2, BMI1 and BMI2 together, with the operating system saving the 256-bit registers.
   bool has_avx2() const { return avx2_; }
+  // Advanced SIMD of aarch64 (and the mask doesn't hide it).
+  bool has_neon() const { return neon_; }
 
   // The processor's brand string, e.g. "Intel(R) Core(TM) i7-...", empty where unknown.
   const std::string& brand() const { return brand_; }
@@ -40,6 +44,7 @@ class VIDRA_PROBE_EXPORT CPUInfo {
   bool ssse3_ = false;
   bool sse41_ = false;
   bool avx2_ = false;
+  bool neon_ = false;
 };
 
 }  // namespace vidra
