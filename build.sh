@@ -14,8 +14,10 @@ cd "$(dirname "$0")"
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
           clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick
-          libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
-          pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv)
+          libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+          gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
+          pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv
+          python3-venv python3-wheel)
 # On x86-64 the suite is also built for aarch64 and run under qemu-aarch64: the cross compiler,
 # qemu, and the arm64 packages of multiarch next to the native ones. (On an arm64 host the
 # native build is that build.)

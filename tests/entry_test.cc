@@ -43,6 +43,7 @@ TEST_F(SelectionTest, ForceFlagPicksTurboUntilCleared) {
     decompressMJPEG(frame.data(), frame.size(), 64, 48, false, planes.y.data(), planes.y_stride,
                     planes.u.data(), planes.uv_stride, planes.v.data(), planes.uv_stride);
     EXPECT_EQ(decoderUsed(capture), force ? "turbo" : fast) << "force=" << force;
+    EXPECT_EQ(automaticDecoder() == Decoder::kOwn, decoderUsed(capture) == "simple");
   }
 }
 

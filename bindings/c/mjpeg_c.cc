@@ -158,6 +158,12 @@ int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width, int32_t 
   return ok ? 1 : 0;
 }
 
+int32_t vidra_mjpeg_automatic_decoder(void) {
+  return static_cast<int32_t>(vidra::jpeg::automaticDecoder());
+}
+
+const char* vidra_mjpeg_vector_level(void) { return vidra::jpeg::vectorLevel(); }
+
 const char* vidra_mjpeg_reason_text(int32_t reason) {
   if (reason < VIDRA_MJPEG_REASON_NONE || reason > VIDRA_MJPEG_REASON_OUT_OF_MEMORY) {
     return "unknown reason";

@@ -153,6 +153,15 @@ enum class RefusalReason : uint8_t {
   kOutOfMemory,             // C interface only; C++ callers get std::bad_alloc instead
 };
 
+// The decoder that Decoder::kAuto (and decompressMJPEG()) picks now: kTurbo when
+// setForceJPEGTurboDecoder(true) is in force or the processor lacks SSSE3/SSE4.1 (or
+// VIDRA_CPU_MASK hides them), else kOwn.
+VIDRA_MJPEG_EXPORT Decoder automaticDecoder();
+
+// The vector forms that the own decoder runs on this processor: "AVX2", "SSE4.1", "NEON", or
+// "none" (scalar forms), as the CPU probe and VIDRA_CPU_MASK allow.
+VIDRA_MJPEG_EXPORT const char* vectorLevel();
+
 // One short English text for `reason`, e.g. "truncated before the scan".
 VIDRA_MJPEG_EXPORT const char* refusalReasonText(RefusalReason reason);
 

@@ -158,6 +158,13 @@ VIDRA_MJPEG_C_EXPORT int vidra_mjpeg_decode(const uint8_t* data, size_t size, in
                                             int32_t v_stride, const vidra_mjpeg_options* options,
                                             vidra_mjpeg_report* report);
 
+/* The decoder that VIDRA_MJPEG_DECODER_AUTO picks now: VIDRA_MJPEG_DECODER_TURBO when forced or
+ * without SSSE3/SSE4.1, else VIDRA_MJPEG_DECODER_OWN. */
+VIDRA_MJPEG_C_EXPORT int32_t vidra_mjpeg_automatic_decoder(void);
+
+/* The own decoder's vector forms here: "AVX2", "SSE4.1", "NEON" or "none". */
+VIDRA_MJPEG_C_EXPORT const char* vidra_mjpeg_vector_level(void);
+
 /* A short English text for a VIDRA_MJPEG_REASON_* value; "unknown reason" for others. */
 VIDRA_MJPEG_C_EXPORT const char* vidra_mjpeg_reason_text(int32_t reason);
 

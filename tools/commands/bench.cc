@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -16,13 +18,24 @@
 #include "commands/commands.h"
 #include "decoding/decoding.h"
 #include "input/frame_reader.h"
-#include "vidra/cpu_info.h"
 #include "vidra/mjpeg.h"
 
 namespace vidra {
 namespace tool {
 
 namespace {
+
+// The processor's name from /proc/cpuinfo ("model name", or aarch64's absent one), else
+// "unknown".
+std::string cpuModelName() {
+  std::ifstream info("/proc/cpuinfo");
+  for (std::string line; std::getline(info, line);) {
+    if (line.rfind("model name", 0) != 0) continue;
+    const size_t colon = line.find(':');
+    if (colon != std::string::npos && colon + 2 <= line.size()) return line.substr(colon + 2);
+  }
+  return "unknown";
+}
 
 constexpr char kBenchHelp[] =
     "Every frame of an input is held in memory and decoded over and over. The decoders take\n"
@@ -288,12 +301,11 @@ int runBench(int argc, char** argv, int first) {
     }
   }
 
-  const CPUInfo cpu;
-  std::printf("CPU: %s%s\n", cpu.brand().empty() ? "unknown" : cpu.brand().c_str(),
-              ownDecoderFast() || cpu.has_neon()
-                  ? ""
-                  : "\nnote: no vector forms here (SSSE3/SSE4.1 or NEON missing or masked), so "
-                    "'vidra own decoder' runs its scalar forms");
+  const bool vector = std::strcmp(jpeg::vectorLevel(), "none") != 0;
+  std::printf("CPU: %s, vector forms: %s%s\n", cpuModelName().c_str(), jpeg::vectorLevel(),
+              vector ? ""
+                     : "\nnote: no vector forms here (SSSE3/SSE4.1 or NEON missing or masked), so "
+                       "'vidra own decoder' runs its scalar forms");
   std::vector<int> thread_counts{1};
   if (threads > 1) thread_counts.push_back(threads);
   bool vidra_refused = false;

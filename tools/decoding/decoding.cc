@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 
-#include "vidra/cpu_info.h"
 #include "vidra/log.h"
 
 namespace vidra {
@@ -139,8 +138,8 @@ bool OutcomeTally::speed(double* fps, double* mps) const {
 }
 
 bool ownDecoderFast() {
-  static const CPUInfo cpu;
-  return cpu.supports_fast_decoder();
+  // setForceJPEGTurboDecoder() is never called by the tool, so this is the processor's answer.
+  return jpeg::automaticDecoder() == jpeg::Decoder::kOwn;
 }
 
 std::string OutcomeTally::decodersText() const {

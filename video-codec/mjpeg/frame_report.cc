@@ -158,6 +158,19 @@ bool decodeTurbo(const uint8_t* data, size_t size, int width, int height, uint8_
 
 }  // namespace
 
+Decoder automaticDecoder() {
+  // decompressMJPEG()'s rule: the force flag, read once, then the processor.
+  const bool force_turbo = __atomic_load_n(&g_force_use_jt_decoder, __ATOMIC_RELAXED);
+  return !force_turbo && g_cpu_info_.supports_fast_decoder() ? Decoder::kOwn : Decoder::kTurbo;
+}
+
+const char* vectorLevel() {
+  // The function table upgrades level by level in the same order (jpeg_dsp.cc).
+  if (g_cpu_info_.supports_fast_decoder()) return g_cpu_info_.has_avx2() ? "AVX2" : "SSE4.1";
+  if (g_cpu_info_.has_neon()) return "NEON";
+  return "none";
+}
+
 const char* refusalReasonText(RefusalReason reason) {
   switch (reason) {
     case RefusalReason::kNone:
@@ -207,11 +220,8 @@ bool decodeFrame(const uint8_t* data, size_t size, int width, int height, uint8_
     return refuse(report, RefusalReason::kUnsupportedColourSpace);
   }
 
-  bool own = options.decoder == Decoder::kOwn;
-  if (options.decoder == Decoder::kAuto) {
-    own = !__atomic_load_n(&g_force_use_jt_decoder, __ATOMIC_RELAXED) &&
-          g_cpu_info_.supports_fast_decoder();
-  }
+  const Decoder choice = options.decoder == Decoder::kAuto ? automaticDecoder() : options.decoder;
+  const bool own = choice == Decoder::kOwn;
   if (!own) {
     return decodeTurbo(data, size, width, height, y, y_stride, u, u_stride, v, v_stride, options,
                        scan, DecodePath::kTurbo, report);
