@@ -34,13 +34,29 @@ constexpr gboolean kDefaultOutputFailed = FALSE;
 // to 65535 x 65535.
 constexpr guint64 kMaxPixelsPerByte = 1024;
 
-enum { PROP_0, PROP_FALLBACK, PROP_OUTPUT_FAILED };
+enum { PROP_0, PROP_DECODER, PROP_FALLBACK, PROP_OUTPUT_FAILED };
 
 GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS("image/jpeg"));
 
 GstStaticPadTemplate src_template = GST_STATIC_PAD_TEMPLATE(
     "src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE("I420")));
+
+// The "decoder" property's values: the library's per-call decoder choice.
+GType decoderChoiceType() {
+  static gsize type = 0;
+  if (g_once_init_enter(&type)) {
+    static const GEnumValue values[] = {
+        {static_cast<gint>(vj::Decoder::kAuto),
+         "As the library picks: its own decoder with SSSE3/SSE4.1, else TurboJPEG", "auto"},
+        {static_cast<gint>(vj::Decoder::kOwn),
+         "The library's own decoder on any processor (conceals damage; NEON on aarch64)", "own"},
+        {static_cast<gint>(vj::Decoder::kTurbo), "TurboJPEG", "turbo"},
+        {0, nullptr, nullptr}};
+    g_once_init_leave(&type, g_enum_register_static("GstVidraMjpegDecDecoder", values));
+  }
+  return static_cast<GType>(type);
+}
 
 const char* pathName(vj::DecodePath path) {
   switch (path) {
@@ -62,6 +78,7 @@ struct _GstVidraMjpegDec {
   GstVideoDecoder parent;
 
   // Properties, under the object lock.
+  gint decoder;  // a vj::Decoder
   gboolean fallback;
   gboolean output_failed;
 
@@ -187,6 +204,7 @@ GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const
   vj::DecodeOptions options;
   vj::FrameReport report;
   GST_OBJECT_LOCK(dec);
+  options.decoder = static_cast<vj::Decoder>(dec->decoder);
   options.fallback = dec->fallback;
   const gboolean output_failed = dec->output_failed;
   GST_OBJECT_UNLOCK(dec);
@@ -419,6 +437,9 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
   auto* dec = GST_VIDRA_MJPEG_DEC(object);
   GST_OBJECT_LOCK(dec);
   switch (id) {
+    case PROP_DECODER:
+      dec->decoder = g_value_get_enum(value);
+      break;
     case PROP_FALLBACK:
       dec->fallback = g_value_get_boolean(value);
       break;
@@ -436,6 +457,9 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
   auto* dec = GST_VIDRA_MJPEG_DEC(object);
   GST_OBJECT_LOCK(dec);
   switch (id) {
+    case PROP_DECODER:
+      g_value_set_enum(value, dec->decoder);
+      break;
     case PROP_FALLBACK:
       g_value_set_boolean(value, dec->fallback);
       break;
@@ -470,6 +494,12 @@ static void gst_vidra_mjpeg_dec_class_init(GstVidraMjpegDecClass* klass) {
   const auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                               GST_PARAM_MUTABLE_PLAYING);
   g_object_class_install_property(
+      object_class, PROP_DECODER,
+      g_param_spec_enum("decoder", "Decoder",
+                        "Which of the library's decoders decodes the frames; 'own' conceals "
+                        "damage on processors where 'auto' picks TurboJPEG (aarch64, no SSE4.1)",
+                        decoderChoiceType(), static_cast<gint>(vj::Decoder::kAuto), flags));
+  g_object_class_install_property(
       object_class, PROP_FALLBACK,
       g_param_spec_boolean("fallback", "Fallback",
                            "Decode frames that the library's own decoder doesn't take "
@@ -503,6 +533,7 @@ static void gst_vidra_mjpeg_dec_class_init(GstVidraMjpegDecClass* klass) {
 
 static void gst_vidra_mjpeg_dec_init(GstVidraMjpegDec* dec) {
   auto* bdec = GST_VIDEO_DECODER(dec);
+  dec->decoder = static_cast<gint>(vj::Decoder::kAuto);
   dec->fallback = kDefaultFallback;
   dec->output_failed = kDefaultOutputFailed;
   gst_video_decoder_set_use_default_pad_acceptcaps(bdec, TRUE);

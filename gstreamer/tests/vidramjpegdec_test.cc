@@ -335,6 +335,28 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   EXPECT_EQ(harness.count(GST_MESSAGE_ERROR), c.errors);
 }
 
+// decoder=own conceals wherever the library's automatic choice is TurboJPEG (aarch64, no
+// SSE4.1, VIDRA_CPU_MASK=nosimd), and decoder=turbo never conceals.
+TEST(Decoder, PropertyPicksTheLibrarysDecoder) {
+  std::vector<uint8_t> data;
+  READ_OR_SKIP(kConcealed, &data);
+  for (const char* choice : {"own", "turbo"}) {
+    Harness harness((std::string("decoder=") + choice).c_str());
+    const GstFlowReturn flow = gst_harness_push(harness.h, bufferOf(data));
+    GstBuffer* out = gst_harness_try_pull(harness.h);
+    if (std::string(choice) == "own") {
+      EXPECT_EQ(flow, GST_FLOW_OK);
+      ASSERT_NE(out, nullptr);
+      GstCustomMeta* meta = gst_buffer_get_custom_meta(out, kMetaName);
+      ASSERT_NE(meta, nullptr);
+      EXPECT_STREQ(gst_structure_get_string(gst_custom_meta_get_structure(meta), "path"), "own");
+    } else if (out) {
+      EXPECT_EQ(gst_buffer_get_custom_meta(out, kMetaName), nullptr);
+    }
+    if (out) gst_buffer_unref(out);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Frames, Outcomes,
     testing::Values(
