@@ -101,10 +101,10 @@ TEST(CpuInfoTest, MaskHidesFeatures) {
   }
   EXPECT_FALSE(CPUInfo().has_ssse3());  // hidden by "nosimd" only
   EXPECT_FALSE(CPUInfo().has_avx2());
-  setenv("VIDRA_CPU_MASK", "noavx2", 1);
+  setenv("VIDRA_CPU_MASK", " noavx2", 1);
   const CPUInfo no_avx2;
   EXPECT_FALSE(no_avx2.has_avx2());
-  for (const char* mask : {"noneon", "nosse41,noneon", "nosimd"}) {
+  for (const char* mask : {"noneon", "nosse41, noneon", "nosimd"}) {
     setenv("VIDRA_CPU_MASK", mask, 1);
     EXPECT_FALSE(CPUInfo().has_neon()) << mask;
   }

@@ -13,13 +13,17 @@
 namespace vidra {
 namespace {
 
-// Applies VIDRA_CPU_MASK; unknown words are ignored.
+// Applies VIDRA_CPU_MASK; blanks around a word don't count, unknown words are ignored.
 void applyMask(bool* ssse3, bool* sse41, bool* avx2, bool* neon) {
   const char* mask = std::getenv("VIDRA_CPU_MASK");
   if (mask == nullptr) return;
   std::stringstream words(mask);
   std::string word;
   while (std::getline(words, word, ',')) {
+    const size_t first = word.find_first_not_of(" \t");
+    word = first == std::string::npos
+               ? ""
+               : word.substr(first, word.find_last_not_of(" \t") - first + 1);
     if (word == "nossse3") {
       *ssse3 = false;
     } else if (word == "nosse41" || word == "nosse4.1") {
