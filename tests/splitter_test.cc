@@ -22,16 +22,12 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a frame
-const uint8_t kSOS[] = {0xFF, 0xDA};
 
 Bytes concat(const std::vector<Bytes>& parts) {
   Bytes all;
   for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
 }
-
-// An exact-size copy, so that the sanitizers see any read past its end.
-Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
 
 // The frames of `data` as rows, and the junk behind the last one.
 std::vector<Row> split(const Bytes& data, size_t* trailing) {
@@ -138,7 +134,7 @@ TEST(SplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
 std::vector<Bytes> streamsCutByLaterBytes() {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
   const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const size_t entropy = std::search(a.begin(), a.end(), kSOS, kSOS + 2) - a.begin() + 14;
+  const size_t entropy = markerAt(a, 0xDA) + 14;
   // `a` up to the start of its entropy data, then a DHT marker claiming `length` bytes with an
   // EOI early inside them, and the frame's EOI behind them.
   auto claiming = [&](size_t length) {

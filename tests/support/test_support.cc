@@ -183,5 +183,12 @@ std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame) {
   return out;
 }
 
+size_t markerAt(const std::vector<uint8_t>& frame, uint8_t code) {
+  for (size_t at = 2; at + 1 < frame.size(); ++at) {
+    if (frame[at] == 0xFF && frame[at + 1] == code) return at;
+  }
+  return frame.size();
+}
+
 }  // namespace test
 }  // namespace vidra
