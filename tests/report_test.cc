@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "jpeg.h"
@@ -440,19 +441,12 @@ TEST(FrameHeaderTest, ReadsWhatTheSegmentsSay) {
   std::vector<uint8_t> frame = test::encodeTestFrame(70, 30, TJSAMP_422, 90, 1);
   FrameHeader h;
   ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &h));
-  EXPECT_EQ(h.width, 70);
-  EXPECT_EQ(h.height, 30);
-  EXPECT_EQ(h.precision, 8);
-  EXPECT_EQ(h.components, 3);
-  EXPECT_EQ(h.h_factors[0], 2);
-  EXPECT_EQ(h.v_factors[0], 1);
-  EXPECT_EQ(h.sof_marker, 0xC0);
-  EXPECT_FALSE(h.progressive);
-  EXPECT_EQ(h.colour_space, ColourSpace::kYCbCr);
-  EXPECT_EQ(h.subsampling, Subsampling::k422);
-  EXPECT_EQ(h.restart_interval, 5);  // one MCU row of 70 / 16 MCUs, rounded up
-  EXPECT_TRUE(h.has_dht);
-  EXPECT_TRUE(h.has_scan);
+  // The restart interval is one MCU row: 70 / 16 MCUs, rounded up.
+  EXPECT_EQ(std::make_tuple(h.width, h.height, h.precision, h.components, h.h_factors[0],
+                            h.v_factors[0], h.sof_marker, h.progressive, h.restart_interval),
+            std::make_tuple(70, 30, 8, 3, 2, 1, 0xC0, false, 5));
+  EXPECT_TRUE(h.colour_space == ColourSpace::kYCbCr && h.subsampling == Subsampling::k422);
+  EXPECT_TRUE(h.has_dht && h.has_scan);
 
   // Junk and fill bytes after SOI, and no tables: still read.
   std::vector<uint8_t> quirky = test::stripDHT(frame);
