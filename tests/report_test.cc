@@ -19,15 +19,6 @@ namespace vidra {
 namespace jpeg {
 namespace {
 
-// Sets the "mjpeg" and "check" channels quiet for a test's lifetime: refusals are expected.
-class QuietLog {
- public:
-  QuietLog() : capture_(0, 0) {}
-
- private:
-  test::LogCapture capture_;
-};
-
 struct Outcome {
   bool ok = false;
   FrameReport report;
@@ -95,7 +86,7 @@ std::string GeneratedFrames::dir_;
 // FFmpeg's 4:2:2 and 4:4:4 (chroma factors 1x2), grey and progressive frames: the own decoder
 // refuses them, and the fallback decodes them exactly as the TurboJPEG path does.
 TEST_F(GeneratedFrames, FallbackDecodesWhatTheOwnDecoderRefuses) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   struct Case {
     const char* name;
     std::vector<uint8_t> frame;
@@ -137,7 +128,7 @@ TEST_F(GeneratedFrames, FallbackDecodesWhatTheOwnDecoderRefuses) {
 
 // Frames that are neither YCbCr nor grey are refused on both paths, fallback or not.
 TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> rgb = cjpeg("rgb.jpg", "-rgb");
   const std::vector<uint8_t> cmyk =
       make("cmyk.jpg", "convert $D/src.ppm -colorspace CMYK $D/cmyk.jpg");
@@ -163,7 +154,7 @@ TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
 // in other colour spaces, which it refuses). The report
 // agrees with the result, and its MCU counts with the status.
 TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   int frames = 0, concealed = 0, failed = 0;
   bool own_path = false;
   for (const char* folder : {"webcam-480p", "webcam-720p", "damaged", "reftest"}) {
@@ -240,7 +231,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
 
 // The report of each damaged and quirky corpus frame on the own decoder, with the fallback.
 TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   struct Case {
     const char* file;
     FrameStatus status;
@@ -280,7 +271,7 @@ TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
 
 // One frame for each reason, on the path that gives it.
 TEST(FrameReportTest, RefusalReasons) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
   auto edited = [&](size_t at, std::vector<uint8_t> bytes) {
     std::vector<uint8_t> frame = good;
