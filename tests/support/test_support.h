@@ -75,6 +75,10 @@ std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame);
 // but as a marker), or frame.size() when there is none.
 size_t markerAt(const std::vector<uint8_t>& frame, uint8_t code);
 
+// Concatenates frames (or any byte strings) into one stream, with `junk` between each two.
+std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
+                                  const std::vector<uint8_t>& junk = {});
+
 // The first `size` bytes as an exact-size copy, so that the sanitizers see any read past its end.
 inline std::vector<uint8_t> head(const std::vector<uint8_t>& data, size_t size) {
   return std::vector<uint8_t>(data.begin(), data.begin() + size);

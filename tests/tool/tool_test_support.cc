@@ -184,16 +184,6 @@ testing::AssertionResult has(const std::string& text, const std::string& fragmen
   return testing::AssertionFailure() << "no \"" << fragment << "\" in:\n" << text.substr(0, 4000);
 }
 
-std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
-                                  const std::vector<uint8_t>& junk) {
-  std::vector<uint8_t> stream;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    if (i > 0) stream.insert(stream.end(), junk.begin(), junk.end());
-    stream.insert(stream.end(), frames[i].begin(), frames[i].end());
-  }
-  return stream;
-}
-
 std::vector<uint8_t> claimingSize(std::vector<uint8_t> frame, int width, int height) {
   const size_t sof = markerAt(frame, 0xC0);
   if (sof + 9 > frame.size()) throw std::runtime_error("no SOF0 segment in the frame");
