@@ -129,7 +129,7 @@ TEST(DamagedCorpus, EightyPercentRuleAndChangesOnlyInsideDamagedSpans) {
     Planes again(pa.width, pa.height);
     ASSERT_TRUE(d.outputResults(pa.width, pa.height, again.y.data(), again.y_stride, again.u.data(),
                                 again.uv_stride, again.v.data(), again.uv_stride));
-    EXPECT_TRUE(again.y == pa.y && again.u == pa.u && again.v == pa.v) << path;
+    EXPECT_TRUE(again == pa) << path;
   }
   EXPECT_GT(accepted, 0) << "no frame above the line";
   EXPECT_GT(refused, 0) << "no frame below the line";
@@ -168,8 +168,7 @@ TEST(CameraQuirks, DecodeLikeTheCleanFrame) {
     with_junk += quirks[0] != frame;
     for (int quirk = 0; quirk < 3; ++quirk) {
       const Decoded d = decode(quirks[quirk]);
-      EXPECT_TRUE(d.result && d.decoder->bad_mcus_.empty() && d.planes.y == clean.planes.y &&
-                  d.planes.u == clean.planes.u && d.planes.v == clean.planes.v)
+      EXPECT_TRUE(d.result && d.decoder->bad_mcus_.empty() && d.planes == clean.planes)
           << path << ", quirk " << quirk;
     }
   }

@@ -81,8 +81,7 @@ void checkFrame(const std::vector<uint8_t>& frame, int expect) {
     setDSPForTesting(nullptr);
   }
   EXPECT_EQ(ok[0], ok[1]);
-  EXPECT_TRUE(pictures[0].y == pictures[1].y && pictures[0].u == pictures[1].u &&
-              pictures[0].v == pictures[1].v);
+  EXPECT_TRUE(pictures[0] == pictures[1]);
   if (expect == -1) return;
   ASSERT_EQ(ok[1], expect == 1);
   if (!ok[1]) return;

@@ -67,14 +67,9 @@ TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
   if (!g_cpu_info_.supports_fast_decoder()) {
     GTEST_SKIP() << "the processor (or VIDRA_CPU_MASK) rules out the fast path";
   }
-  // The SOF0 marker, found among the segments in front of SOS, turned into SOF2.
+  // The SOF0 marker turned into SOF2.
   std::vector<uint8_t> progressive = test::encodeTestFrame(64, 48, TJSAMP_420);
-  size_t pos = 2;
-  while (pos + 4 < progressive.size() && progressive[pos + 1] != 0xC0) {
-    pos += 2 + ((progressive[pos + 2] << 8) | progressive[pos + 3]);
-  }
-  ASSERT_LT(pos + 4, progressive.size());
-  progressive[pos + 1] = 0xC2;
+  progressive[test::markerAt(progressive, 0xC0) + 1] = 0xC2;
   std::vector<uint8_t> truncated = test::encodeTestFrame(64, 48, TJSAMP_420);
   truncated.resize(truncated.size() / 2);
   const size_t k4GiB = static_cast<size_t>(uint64_t{1} << 32);  // 0 on 32-bit builds
@@ -108,7 +103,7 @@ TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
                               entry.y.data(), entry.y_stride, entry.u.data(), entry.uv_stride,
                               entry.v.data(), entry.uv_stride),
               expected);
-    EXPECT_TRUE(entry.y == direct.y && entry.u == direct.u && entry.v == direct.v);
+    EXPECT_TRUE(entry == direct);
     EXPECT_EQ(capture.texts(6, "mjpeg"), std::vector<std::string>{"Using simple jpeg decoder."});
     EXPECT_EQ(logOf(capture), direct_log);
   }

@@ -76,8 +76,7 @@ constexpr size_t kGuardBytes = 64;
 constexpr int64_t kMiB = int64_t{1} << 20;
 
 bool hasDHT(const std::vector<uint8_t>& frame) {
-  const uint8_t dht[] = {0xFF, 0xC4};
-  return std::search(frame.begin(), frame.end(), dht, dht + 2) != frame.end();
+  return test::markerAt(frame, 0xC4) < frame.size();
 }
 
 // I420 planes with odd strides, each with kGuardBytes guard bytes in front and behind.
@@ -275,14 +274,11 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   // All-ones bits, which no code of the tables has, just behind the fourth restart marker: one
   // span of eight fails.
   std::vector<uint8_t> damaged = good;
-  const uint8_t rst3[] = {0xFF, 0xD3};
-  const auto span = std::search(damaged.begin(), damaged.end(), rst3, rst3 + 2) + 2;
+  const auto span = damaged.begin() + test::markerAt(damaged, 0xD3) + 2;
   ASSERT_LT(span + 4, damaged.end());
   std::fill_n(span, 4, 0xFF);
   span[1] = span[3] = 0x00;
-  size_t sof = 2;
-  while (!(good[sof] == 0xFF && good[sof + 1] == 0xC0)) ++sof;
-  const std::vector<uint8_t> cut(good.begin(), good.begin() + sof + 9);  // inside SOF0
+  const std::vector<uint8_t> cut = test::head(good, test::markerAt(good, 0xC0) + 9);  // in SOF0
   const std::vector<uint8_t> grey = test::encodeTestFrame(96, 64, TJSAMP_GRAY);
   const std::vector<uint8_t>* frames[] = {&cut, &damaged, &grey, &good};
   constexpr int kFrames = 4;

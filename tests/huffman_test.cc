@@ -156,9 +156,7 @@ TEST(DefaultTablesTest, SameDefinitionsAsLibjpegWrites) {
     return out;
   };
   const Bytes frame = test::encodeTestFrame(32, 16, TJSAMP_420);
-  const uint8_t dht[] = {0xFF, 0xC4};
-  const size_t first = std::search(frame.begin(), frame.end(), dht, dht + 2) - frame.begin();
-  const auto written = definitions(frame, first);
+  const auto written = definitions(frame, test::markerAt(frame, 0xC4));
   EXPECT_EQ(written.size(), 4u);
   EXPECT_EQ(definitions(Bytes(std::begin(kMJPGDHTSeg), std::end(kMJPGDHTSeg)), 0), written);
 }

@@ -111,10 +111,6 @@ bool decompress(SimpleJPEGDecoder* decoder, const Bytes& frame, int width, int h
                              planes->uv_stride, planes->v.data(), planes->uv_stride);
 }
 
-bool samePlanes(const test::Planes& a, const test::Planes& b) {
-  return a.y == b.y && a.u == b.u && a.v == b.v;
-}
-
 bool sameTables(const SimpleJPEGDecoder& a, const SimpleJPEGDecoder& b) {
   for (int i = 0; i < 4; ++i) {
     if (a.dc_huffman_tables_[i]->entries_ != b.dc_huffman_tables_[i]->entries_ ||
@@ -202,7 +198,7 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
     LogCapture capture(/*mjpeg_level=*/3);
     EXPECT_FALSE(decompress(&decoder, c.first, 16, 16, &planes));
     EXPECT_EQ(capture.jpegChecks() + capture.texts(3, "mjpeg"), c.second);
-    EXPECT_TRUE(samePlanes(planes, fresh));
+    EXPECT_TRUE(planes == fresh);
   }
 }
 
@@ -272,7 +268,7 @@ TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
       EXPECT_NE(decoder.dht_seen_, c.second == &defaults);
       EXPECT_EQ(decoder.mcu_blocks_.size(), 6u);  // the scan was reached in every case
       EXPECT_TRUE(sameTables(decoder, *c.second));
-      EXPECT_EQ(samePlanes(planes, expected), c.second != &nothing);
+      EXPECT_EQ(planes == expected, c.second != &nothing);
     }
   }
 }
@@ -348,9 +344,6 @@ TEST(QuantizationTest, StepsAreScaledInZigzagOrder) {
   EXPECT_EQ(position, bytes.size() - 2);
   const QuantizationTable* tables = decoder.quantization_tables_;
   const int16_t* v = tables[2].values_;
-  for (int k = 0; k < 64; ++k) {
-    EXPECT_EQ(v[k], (steps[k] * kAANScales[kZigzagNatural[k]] + 2048) >> 12) << k;
-  }
   for (int k = 64; k < 128; ++k) EXPECT_EQ(v[k], 0) << k;
   EXPECT_EQ(std::make_tuple(v[0], v[4], v[60], v[63], v[9]), std::make_tuple(1020, 1962, 56, 0, 0));
   EXPECT_EQ(std::make_tuple(tables[3].values_[0], tables[1].values_[0], tables[0].values_[0]),
@@ -471,8 +464,7 @@ TEST(ScanHeaderTest, RefusalsAndOddScans) {
 // Replaces the entropy-coded segments named in `bad` (counted from 0 between restart markers)
 // by stuffed 0xFF bytes, which decode to the all-ones code that no table defines.
 Bytes breakSegments(const Bytes& frame, const std::vector<bool>& bad) {
-  const uint8_t sos_marker[] = {0xFF, 0xDA};  // only ever a marker in an encoder's headers
-  size_t pos = std::search(frame.begin(), frame.end(), sos_marker, sos_marker + 2) - frame.begin();
+  size_t pos = test::markerAt(frame, 0xDA);
   pos += 2 + (frame[pos + 2] << 8 | frame[pos + 3]);
   Bytes out(frame.begin(), frame.begin() + pos), span;
   for (size_t index = 0; pos < frame.size(); ++pos) {

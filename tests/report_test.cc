@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "jpeg.h"
@@ -17,15 +18,6 @@
 namespace vidra {
 namespace jpeg {
 namespace {
-
-// Sets the "mjpeg" and "check" channels quiet for a test's lifetime: refusals are expected.
-class QuietLog {
- public:
-  QuietLog() : capture_(0, 0) {}
-
- private:
-  test::LogCapture capture_;
-};
 
 struct Outcome {
   bool ok = false;
@@ -40,10 +32,6 @@ Outcome decode(const std::vector<uint8_t>& frame, int w, int h, DecodeOptions op
                        out.planes.u.data(), out.planes.uv_stride, out.planes.v.data(),
                        out.planes.uv_stride, options, &out.report);
   return out;
-}
-
-bool samePlanes(const test::Planes& a, const test::Planes& b) {
-  return a.y == b.y && a.u == b.u && a.v == b.v;
 }
 
 DecodeOptions withDecoder(Decoder decoder, bool fallback = false) {
@@ -98,7 +86,7 @@ std::string GeneratedFrames::dir_;
 // FFmpeg's 4:2:2 and 4:4:4 (chroma factors 1x2), grey and progressive frames: the own decoder
 // refuses them, and the fallback decodes them exactly as the TurboJPEG path does.
 TEST_F(GeneratedFrames, FallbackDecodesWhatTheOwnDecoderRefuses) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   struct Case {
     const char* name;
     std::vector<uint8_t> frame;
@@ -126,21 +114,21 @@ TEST_F(GeneratedFrames, FallbackDecodesWhatTheOwnDecoderRefuses) {
       EXPECT_FALSE(refused.ok);
       EXPECT_EQ(refused.report.status, FrameStatus::kRefused);
       EXPECT_EQ(refused.report.reason, c.own_reason);
-      EXPECT_TRUE(samePlanes(refused.planes, test::Planes(320, 240))) << "planes touched";
+      EXPECT_TRUE(refused.planes == test::Planes(320, 240)) << "planes touched";
 
       const Outcome fallback = decode(c.frame, 320, 240, withDecoder(decoder, true));
       EXPECT_TRUE(fallback.ok);
       EXPECT_EQ(fallback.report.status, FrameStatus::kClean);
       EXPECT_EQ(fallback.report.path, DecodePath::kTurboFallback);
       EXPECT_EQ(fallback.report.reason, RefusalReason::kNone);
-      EXPECT_TRUE(samePlanes(fallback.planes, turbo.planes));
+      EXPECT_TRUE(fallback.planes == turbo.planes);
     }
   }
 }
 
 // Frames that are neither YCbCr nor grey are refused on both paths, fallback or not.
 TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> rgb = cjpeg("rgb.jpg", "-rgb");
   const std::vector<uint8_t> cmyk =
       make("cmyk.jpg", "convert $D/src.ppm -colorspace CMYK $D/cmyk.jpg");
@@ -156,7 +144,7 @@ TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
       EXPECT_NE(std::find(colours.begin(), colours.end(), out.report.header.colour_space),
                 colours.end());
       EXPECT_EQ(out.report.reason, RefusalReason::kUnsupportedColourSpace);
-      EXPECT_TRUE(samePlanes(out.planes, test::Planes(320, 240)));
+      EXPECT_TRUE(out.planes == test::Planes(320, 240));
     }
   }
 }
@@ -166,7 +154,7 @@ TEST_F(GeneratedFrames, RefusesOtherColourSpacesOnBothPaths) {
 // in other colour spaces, which it refuses). The report
 // agrees with the result, and its MCU counts with the status.
 TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   int frames = 0, concealed = 0, failed = 0;
   bool own_path = false;
   for (const char* folder : {"webcam-480p", "webcam-720p", "damaged", "reftest"}) {
@@ -189,7 +177,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
         continue;
       }
       EXPECT_EQ(out.ok, expected_ok);
-      EXPECT_TRUE(samePlanes(out.planes, expected));
+      EXPECT_TRUE(out.planes == expected);
       // The fallback changes nothing for a frame that the own decoder takes or that isn't
       // unsupported, and takes over the others.
       const Outcome with_fallback = decode(frame, w, h, withDecoder(Decoder::kAuto, true));
@@ -199,7 +187,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       } else {
         EXPECT_EQ(with_fallback.report.path, out.report.path);
         EXPECT_EQ(with_fallback.report.status, out.report.status);
-        EXPECT_TRUE(samePlanes(with_fallback.planes, out.planes));
+        EXPECT_TRUE(with_fallback.planes == out.planes);
       }
       const FrameReport& r = out.report;
       EXPECT_EQ(r.header.width, w);
@@ -225,7 +213,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
         case FrameStatus::kRefused:
           EXPECT_FALSE(out.ok);
           EXPECT_NE(r.reason, RefusalReason::kNone);
-          EXPECT_TRUE(samePlanes(out.planes, test::Planes(w, h)));
+          EXPECT_TRUE(out.planes == test::Planes(w, h));
           break;
       }
       if (r.status != FrameStatus::kRefused) {
@@ -243,7 +231,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
 
 // The report of each damaged and quirky corpus frame on the own decoder, with the fallback.
 TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   struct Case {
     const char* file;
     FrameStatus status;
@@ -283,7 +271,7 @@ TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
 
 // One frame for each reason, on the path that gives it.
 TEST(FrameReportTest, RefusalReasons) {
-  QuietLog quiet;
+  const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
   auto edited = [&](size_t at, std::vector<uint8_t> bytes) {
     std::vector<uint8_t> frame = good;
@@ -295,22 +283,13 @@ TEST(FrameReportTest, RefusalReasons) {
     frame.insert(frame.begin() + at, bytes.begin(), bytes.end());
     return frame;
   };
-  auto find = [&](uint8_t marker) {
-    for (size_t i = 2; i + 1 < good.size(); ++i) {
-      if (good[i] == 0xFF && good[i + 1] == marker) return i;
-    }
-    return size_t{0};
-  };
-  const size_t sof = find(0xC0), dht = find(0xC4), sos = find(0xDA);
-  ASSERT_TRUE(sof && dht && sos);
+  const size_t sof = test::markerAt(good, 0xC0), dht = test::markerAt(good, 0xC4),
+               sos = test::markerAt(good, 0xDA);
+  ASSERT_LT(std::max({sof, dht, sos}), good.size());
   // A 4:4:4 frame header claiming 8000x8000 pixels ahead of a few bytes of scan.
   std::vector<uint8_t> huge = test::encodeTestFrame(64, 48, TJSAMP_444);
-  for (size_t i = 2; i + 8 < huge.size(); ++i) {
-    if (huge[i] == 0xFF && huge[i + 1] == 0xC0) {
-      huge[i + 5] = 0x1F, huge[i + 6] = 0x40, huge[i + 7] = 0x1F, huge[i + 8] = 0x40;
-      break;
-    }
-  }
+  const size_t huge_sof = test::markerAt(huge, 0xC0);
+  huge[huge_sof + 5] = huge[huge_sof + 7] = 0x1F, huge[huge_sof + 6] = huge[huge_sof + 8] = 0x40;
   std::vector<uint8_t> cut(good.begin(), good.begin() + sof + 6);  // inside the frame header
   // 300 codes of one length: more than a table can hold.
   std::vector<uint8_t> bad_dht = edited(dht + 5, {0, 0xFF, 0xFF});
@@ -357,7 +336,7 @@ TEST(FrameReportTest, RefusalReasons) {
       EXPECT_FALSE(out.ok);
       EXPECT_EQ(out.report.status, FrameStatus::kRefused);
       EXPECT_EQ(out.report.reason, c.reason) << refusalReasonText(out.report.reason);
-      EXPECT_TRUE(samePlanes(out.planes, test::Planes(c.w, c.h))) << "planes touched";
+      EXPECT_TRUE(out.planes == test::Planes(c.w, c.h)) << "planes touched";
     }
   }
 }
@@ -366,16 +345,13 @@ TEST(FrameReportTest, RefusalReasons) {
 // frame that the header shows unsupported goes to the fallback without them.
 TEST(FrameReportTest, LogsTheDecodersLinesUnchanged) {
   std::vector<uint8_t> ffmpeg_422 = test::encodeTestFrame(64, 48, TJSAMP_422);
-  size_t sof = 2;
-  while (!(ffmpeg_422[sof] == 0xFF && ffmpeg_422[sof + 1] == 0xC0)) ++sof;
+  const size_t sof = test::markerAt(ffmpeg_422, 0xC0);
   ffmpeg_422[sof + 11] = 0x22;  // luma 2x2, chroma 1x2: FFmpeg's 4:2:2
   ffmpeg_422[sof + 14] = ffmpeg_422[sof + 17] = 0x12;
   const std::vector<uint8_t> cut(ffmpeg_422.begin(), ffmpeg_422.begin() + sof + 9);
   const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
   std::vector<uint8_t> bad_table = good;
-  size_t dht = 2;
-  while (!(bad_table[dht] == 0xFF && bad_table[dht + 1] == 0xC4)) ++dht;
-  bad_table[dht + 4] = 0x20;  // table class 2
+  bad_table[test::markerAt(bad_table, 0xC4) + 4] = 0x20;  // table class 2
   const char* output_check =
       "144: JPEG assertion failed outputResults(width, height, y, y_stride, u, u_stride, v, "
       "v_stride)";
@@ -456,19 +432,12 @@ TEST(FrameHeaderTest, ReadsWhatTheSegmentsSay) {
   std::vector<uint8_t> frame = test::encodeTestFrame(70, 30, TJSAMP_422, 90, 1);
   FrameHeader h;
   ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &h));
-  EXPECT_EQ(h.width, 70);
-  EXPECT_EQ(h.height, 30);
-  EXPECT_EQ(h.precision, 8);
-  EXPECT_EQ(h.components, 3);
-  EXPECT_EQ(h.h_factors[0], 2);
-  EXPECT_EQ(h.v_factors[0], 1);
-  EXPECT_EQ(h.sof_marker, 0xC0);
-  EXPECT_FALSE(h.progressive);
-  EXPECT_EQ(h.colour_space, ColourSpace::kYCbCr);
-  EXPECT_EQ(h.subsampling, Subsampling::k422);
-  EXPECT_EQ(h.restart_interval, 5);  // one MCU row of 70 / 16 MCUs, rounded up
-  EXPECT_TRUE(h.has_dht);
-  EXPECT_TRUE(h.has_scan);
+  // The restart interval is one MCU row: 70 / 16 MCUs, rounded up.
+  EXPECT_EQ(std::make_tuple(h.width, h.height, h.precision, h.components, h.h_factors[0],
+                            h.v_factors[0], h.sof_marker, h.progressive, h.restart_interval),
+            std::make_tuple(70, 30, 8, 3, 2, 1, 0xC0, false, 5));
+  EXPECT_TRUE(h.colour_space == ColourSpace::kYCbCr && h.subsampling == Subsampling::k422);
+  EXPECT_TRUE(h.has_dht && h.has_scan);
 
   // Junk and fill bytes after SOI, and no tables: still read.
   std::vector<uint8_t> quirky = test::stripDHT(frame);
@@ -478,9 +447,7 @@ TEST(FrameHeaderTest, ReadsWhatTheSegmentsSay) {
   EXPECT_FALSE(h.has_dht);
 
   // Cut inside the scan header: the frame header is known, the scan is not.
-  size_t sos = 0;
-  while (!(frame[sos] == 0xFF && frame[sos + 1] == 0xDA)) ++sos;
-  ASSERT_TRUE(readFrameHeader(frame.data(), sos + 4, &h));
+  ASSERT_TRUE(readFrameHeader(frame.data(), test::markerAt(frame, 0xDA) + 4, &h));
   EXPECT_FALSE(h.has_scan);
   // No SOI, nothing at all, no frame header.
   EXPECT_FALSE(readFrameHeader(frame.data() + 1, frame.size() - 1, &h));

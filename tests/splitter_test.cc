@@ -22,16 +22,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Row = std::array<size_t, 4>;  // offset, size, junk_before, cut_short of a frame
-const uint8_t kSOS[] = {0xFF, 0xDA};
-
-Bytes concat(const std::vector<Bytes>& parts) {
-  Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-// An exact-size copy, so that the sanitizers see any read past its end.
-Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
 
 // The frames of `data` as rows, and the junk behind the last one.
 std::vector<Row> split(const Bytes& data, size_t* trailing) {
@@ -77,20 +67,22 @@ TEST(SplitterTest, CutsStreamsAtFrameBoundaries) {
   const size_t b_cut = 30;             // inside the tables
   // `a` with an APP1 segment behind SOI that holds a whole JPEG, as EXIF thumbnails do.
   const size_t app1 = 8 + c.size();
-  const Bytes exif = concat({{0xFF, 0xD8, 0xFF, 0xE1, static_cast<uint8_t>(app1 >> 8),
-                              static_cast<uint8_t>(app1), 'E', 'x', 'i', 'f', 0, 0},
-                             c,
-                             Bytes(a.begin() + 2, a.end())});
+  const Bytes exif = concatFrames({{0xFF, 0xD8, 0xFF, 0xE1, static_cast<uint8_t>(app1 >> 8),
+                                    static_cast<uint8_t>(app1), 'E', 'x', 'i', 'f', 0, 0},
+                                   c,
+                                   Bytes(a.begin() + 2, a.end())});
   struct Case {
     Bytes stream;
     std::vector<Row> frames;
     size_t trailing;
   } cases[] = {
-      {concat({junk, a, junk, b, junk}), {{9, a.size(), 9, 0}, {18 + a.size(), b.size(), 9, 0}}, 9},
+      {concatFrames({junk, a, junk, b, junk}),
+       {{9, a.size(), 9, 0}, {18 + a.size(), b.size(), 9, 0}},
+       9},
       // EOI missing, or the frame cut inside its header: the next frame still counts.
-      {concat({head(a, a_cut), b}), {{0, a_cut, 0, 1}, {a_cut, b.size(), 0, 0}}, 0},
-      {concat({head(b, b_cut), c}), {{0, b_cut, 0, 1}, {b_cut, c.size(), 0, 0}}, 0},
-      {concat({exif, b}), {{0, exif.size(), 0, 0}, {exif.size(), b.size(), 0, 0}}, 0},
+      {concatFrames({head(a, a_cut), b}), {{0, a_cut, 0, 1}, {a_cut, b.size(), 0, 0}}, 0},
+      {concatFrames({head(b, b_cut), c}), {{0, b_cut, 0, 1}, {b_cut, c.size(), 0, 0}}, 0},
+      {concatFrames({exif, b}), {{0, exif.size(), 0, 0}, {exif.size(), b.size(), 0, 0}}, 0},
   };
   for (const Case& test : cases) {
     size_t trailing = 0;
@@ -103,9 +95,9 @@ TEST(SplitterTest, CutsStreamsAtFrameBoundaries) {
 // dropped in, cuts): the splitter stays inside the data, and frames and junk cover every byte
 // once, in order.
 TEST(SplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
-  const Bytes clean = concat({encodeTestFrame(32, 16, TJSAMP_422, 90, 1, 11),
-                              {0x00, 0x01},
-                              stripDHT(encodeTestFrame(16, 16, TJSAMP_420, 70, 0, 12))});
+  const Bytes clean = concatFrames({encodeTestFrame(32, 16, TJSAMP_422, 90, 1, 11),
+                                    {0x00, 0x01},
+                                    stripDHT(encodeTestFrame(16, 16, TJSAMP_420, 70, 0, 12))});
   std::vector<Bytes> streams;
   for (size_t size = 0; size <= clean.size(); ++size) streams.push_back(head(clean, size));
   std::mt19937 rng(5);
@@ -138,7 +130,7 @@ TEST(SplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
 std::vector<Bytes> streamsCutByLaterBytes() {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
   const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const size_t entropy = std::search(a.begin(), a.end(), kSOS, kSOS + 2) - a.begin() + 14;
+  const size_t entropy = markerAt(a, 0xDA) + 14;
   // `a` up to the start of its entropy data, then a DHT marker claiming `length` bytes with an
   // EOI early inside them, and the frame's EOI behind them.
   auto claiming = [&](size_t length) {
@@ -160,17 +152,17 @@ std::vector<Bytes> streamsCutByLaterBytes() {
   return {
       // EOI missing: the next SOI ends the frame; or FF D8 00, no SOI, and then an EOI; or a
       // frame cut inside its tables.
-      concat({junk, a, junk, head(b, b.size() - 20), a, b, junk}),
-      concat({head(b, b.size() - 20), junk, head(b, 30), a}),
+      concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk}),
+      concatFrames({head(b, b.size() - 20), junk, head(b, 30), a}),
       // Stepped over: the DHT, whose length bytes FF D9 read as an EOI until the segment is
       // whole and the marker behind it has come, and the SOS.
-      concat({claiming(0xFFD9), b}),
-      concat({sos, b}),
+      concatFrames({claiming(0xFFD9), b}),
+      concatFrames({sos, b}),
       // Not stepped over: the segment runs past the end, or over the next SOI.
-      concat({a, head(claiming(6000), entropy + 5000)}),
-      concat({head(claiming(4000), entropy + 2000), b, Bytes(3000, 0x00), a}),
+      concatFrames({a, head(claiming(6000), entropy + 5000)}),
+      concatFrames({head(claiming(4000), entropy + 2000), b, Bytes(3000, 0x00), a}),
       // Stepped over although the next frame's SOI begins 2 bytes before the segment's end.
-      concat({head(claiming(3000), entropy + 3000), b, a}),
+      concatFrames({head(claiming(3000), entropy + 3000), b, a}),
   };
 }
 
@@ -282,7 +274,7 @@ TEST(SplitterTest, CutsMarkerSoupAlikeInEveryForm) {
 // The C interface cuts as the C++ one: findFrame's three answers, and a stream fed in pieces.
 TEST(SplitterTest, CInterfaceCutsAsTheCppOne) {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes data = concat({{0x12, 0x34, 0x56}, a, {0xFF}});
+  const Bytes data = concatFrames({{0x12, 0x34, 0x56}, a, {0xFF}});
   vidra_mjpeg_split_frame f;
   EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), 3, 0, &f), VIDRA_MJPEG_SPLIT_NO_FRAME);
   EXPECT_EQ(f.junk_before, 1u);  // two bytes may begin an SOI

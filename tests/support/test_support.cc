@@ -183,5 +183,22 @@ std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame) {
   return out;
 }
 
+std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
+                                  const std::vector<uint8_t>& junk) {
+  std::vector<uint8_t> stream;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (i > 0) stream.insert(stream.end(), junk.begin(), junk.end());
+    stream.insert(stream.end(), frames[i].begin(), frames[i].end());
+  }
+  return stream;
+}
+
+size_t markerAt(const std::vector<uint8_t>& frame, uint8_t code) {
+  for (size_t at = 2; at + 1 < frame.size(); ++at) {
+    if (frame[at] == 0xFF && frame[at + 1] == code) return at;
+  }
+  return frame.size();
+}
+
 }  // namespace test
 }  // namespace vidra

@@ -58,6 +58,8 @@ struct Planes {
   Planes(int width, int height, int y_stride = 0, int uv_stride = 0, uint8_t fill = 0xA5);
   int width, height, y_stride, uv_stride;
   std::vector<uint8_t> y, u, v;
+  // The same bytes in all three planes, stride gaps included.
+  bool operator==(const Planes& o) const { return y == o.y && u == o.u && v == o.v; }
 };
 
 // A frame encoded by TurboJPEG from a deterministic textured picture.
@@ -68,6 +70,19 @@ std::vector<uint8_t> encodeTestFrame(int width, int height, int subsampling, int
 
 // Removes every DHT segment in front of the first SOS marker.
 std::vector<uint8_t> stripDHT(const std::vector<uint8_t>& frame);
+
+// The offset of the first 0xFF `code` behind SOI (an encoder's headers hold no such byte pair
+// but as a marker), or frame.size() when there is none.
+size_t markerAt(const std::vector<uint8_t>& frame, uint8_t code);
+
+// Concatenates frames (or any byte strings) into one stream, with `junk` between each two.
+std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
+                                  const std::vector<uint8_t>& junk = {});
+
+// The first `size` bytes as an exact-size copy, so that the sanitizers see any read past its end.
+inline std::vector<uint8_t> head(const std::vector<uint8_t>& data, size_t size) {
+  return std::vector<uint8_t>(data.begin(), data.begin() + size);
+}
 
 }  // namespace test
 }  // namespace vidra

@@ -22,7 +22,6 @@ namespace test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-const uint8_t kSOS[] = {0xFF, 0xDA};
 
 // A Y4M file the tool writes: its header, and its size with `frames` frames; the chroma
 // planes round odd sizes up.
@@ -189,7 +188,7 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   // claiming 8192x8192 with a few bytes of scan is refused at once and doesn't count for the
   // speed.
   Bytes big = claimingSize(frames[2], 8192, 8192);
-  big.resize(std::search(big.begin(), big.end(), kSOS, kSOS + 2) - big.begin() + 40);
+  big.resize(markerAt(big, 0xDA) + 40);
   big.insert(big.end(), {0xFF, 0xD9});
   writeFile(mixed, concatFrames({encodeTestFrame(64, 32, TJSAMP_422), frames[0], big, frames[1]}));
 

@@ -38,9 +38,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// An exact-size copy, so that the sanitizers see any read past its end.
-Bytes head(const Bytes& data, size_t size) { return Bytes(data.begin(), data.begin() + size); }
-
 // The size an output takes: the most common one in the frame headers, ties to the size seen
 // first; sizes the tool refuses and frames without a size don't count.
 TEST(ToolUsualSizeTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {

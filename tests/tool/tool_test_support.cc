@@ -21,6 +21,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "support/test_support.h"
+
 namespace vidra {
 namespace test {
 
@@ -182,19 +184,8 @@ testing::AssertionResult has(const std::string& text, const std::string& fragmen
   return testing::AssertionFailure() << "no \"" << fragment << "\" in:\n" << text.substr(0, 4000);
 }
 
-std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
-                                  const std::vector<uint8_t>& junk) {
-  std::vector<uint8_t> stream;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    if (i > 0) stream.insert(stream.end(), junk.begin(), junk.end());
-    stream.insert(stream.end(), frames[i].begin(), frames[i].end());
-  }
-  return stream;
-}
-
 std::vector<uint8_t> claimingSize(std::vector<uint8_t> frame, int width, int height) {
-  const uint8_t kSOF0[] = {0xFF, 0xC0};
-  const size_t sof = std::search(frame.begin(), frame.end(), kSOF0, kSOF0 + 2) - frame.begin();
+  const size_t sof = markerAt(frame, 0xC0);
   if (sof + 9 > frame.size()) throw std::runtime_error("no SOF0 segment in the frame");
   const uint8_t size[] = {static_cast<uint8_t>(height >> 8), static_cast<uint8_t>(height),
                           static_cast<uint8_t>(width >> 8), static_cast<uint8_t>(width)};

@@ -81,10 +81,6 @@ class ToolProcess {
 // Passes when `text` contains `fragment`; a failure shows the whole text.
 testing::AssertionResult has(const std::string& text, const std::string& fragment);
 
-// Concatenates frames into one raw MJPEG stream, with `junk` between each two.
-std::vector<uint8_t> concatFrames(const std::vector<std::vector<uint8_t>>& frames,
-                                  const std::vector<uint8_t>& junk = {});
-
 // `frame` with the size in its SOF0 header replaced, as a damaged header may claim another.
 std::vector<uint8_t> claimingSize(std::vector<uint8_t> frame, int width, int height);
 
