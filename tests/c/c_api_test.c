@@ -8,19 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "check.h"
 #include "vidra/mjpeg_c.h"
-
-static int passed = 0, failed = 0;
-
-#define CHECK(condition)                                                            \
-  do {                                                                              \
-    if (condition) {                                                                \
-      ++passed;                                                                     \
-    } else {                                                                        \
-      ++failed;                                                                     \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-    }                                                                               \
-  } while (0)
 
 static void count_lines(void* user, int32_t level, const char* channel, const char* file,
                         int32_t line, const char* text) {

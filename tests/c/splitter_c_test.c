@@ -6,17 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 
-static int passed = 0, failed = 0;
-
-#define CHECK(condition)                                                            \
-  do {                                                                              \
-    if (condition) {                                                                \
-      ++passed;                                                                     \
-    } else {                                                                        \
-      ++failed;                                                                     \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-    }                                                                               \
-  } while (0)
+#include "check.h"
 
 /* SOI, a one-component SOS header, two bytes of entropy data, EOI: 16 bytes. */
 #define FRAME 0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00, 0x12, 0x34
