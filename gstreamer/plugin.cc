@@ -27,11 +27,10 @@ void logToGst(void*, int level, const char* channel, const char* file, int line,
 gboolean pluginInit(GstPlugin* plugin) {
   GST_DEBUG_CATEGORY_INIT(gst_vidra_mjpeg_dec_debug, "vidramjpegdec", 0,
                           "vidra-mjpeg decoder, and the library's log");
-  // The library's log sink is one for the whole process, and the library can't tell whether a
-  // host set one already. The plugin takes it once, when it is loaded (at the first
-  // vidramjpegdec of a process): refusals then go to the "vidramjpegdec" category instead of
-  // stderr. An application that wants the lines itself sets its own sink after that.
-  vidra::setLogSink(logToGst, nullptr);
+  // The library's log sink is one for the whole process. The plugin takes it when it is loaded
+  // (at the first vidramjpegdec of a process), unless the application set one before: refusals
+  // then go to the "vidramjpegdec" category instead of stderr.
+  vidra::setLogSinkIfUnset(logToGst, nullptr);
   static const gchar* no_tags[] = {nullptr};
   gst_meta_register_custom(GST_VIDRA_MJPEG_DEC_META_NAME, no_tags, nullptr, nullptr, nullptr);
   return GST_ELEMENT_REGISTER(vidramjpegdec, plugin);

@@ -57,6 +57,20 @@ TEST(LoggingTest, LevelsPerChannelAndDefault) {
   EXPECT_FALSE(isLoggerEnabled(3, "anything"));
 }
 
+// A sink installed "if unset" yields to one that a host set first, and to nothing else.
+TEST(LoggingTest, SinkIfUnsetKeepsTheHostsSink) {
+  auto quiet = [](void*, int, const char*, const char*, int, const char*) {};
+  {
+    LogCapture host;  // a host's sink
+    EXPECT_FALSE(setLogSinkIfUnset(quiet, nullptr));
+    VIDRA_LOG(2, "mjpeg") << "kept";
+    EXPECT_TRUE(host.contains("mjpeg", "kept"));
+  }
+  EXPECT_TRUE(setLogSinkIfUnset(quiet, nullptr));  // the capture restored stderr
+  EXPECT_FALSE(setLogSinkIfUnset(quiet, nullptr));
+  setLogSink(nullptr, nullptr);
+}
+
 int g_check_line = 0;
 bool failingParser(int value) {
   g_check_line = __LINE__ + 1;

@@ -142,6 +142,14 @@ void setLogSink(LogSink sink, void* user) {
   g_sink_user = user;
 }
 
+bool setLogSinkIfUnset(LogSink sink, void* user) {
+  std::lock_guard<std::mutex> lock(g_sink_mutex);
+  if (g_sink != nullptr) return false;
+  g_sink = sink;
+  g_sink_user = user;
+  return true;
+}
+
 void setLoggerLevel(const char* channel, int level) {
   std::lock_guard<std::mutex> lock(g_config_mutex);
   if (channel == nullptr) {

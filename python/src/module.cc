@@ -273,7 +273,8 @@ class StreamSplitter {
 
 PYBIND11_MODULE(_core, m) {
   m.doc() = "vidra-mjpeg's public API; use the vidra_mjpeg package instead.";
-  vidra::setLogSink(bufferingSink, nullptr);
+  // Unless the host set a sink of its own before (a GStreamer plugin, an application).
+  vidra::setLogSinkIfUnset(bufferingSink, nullptr);
 
   m.def("decode", &decode, py::arg("data"), py::arg("out"), py::arg("fallback"),
         py::arg("decoder"));

@@ -87,6 +87,11 @@ using LogSink = void (*)(void* user, int level, const char* channel, const char*
 // Installs `sink` (with `user` passed back to it); null restores the stderr sink.
 VIDRA_LOG_EXPORT void setLogSink(LogSink sink, void* user);
 
+// Installs `sink` only while the stderr sink is in place, in one step: a library or plugin that
+// routes the log into its host's system calls this, so that a sink the host set first stays.
+// Returns whether `sink` was installed.
+VIDRA_LOG_EXPORT bool setLogSinkIfUnset(LogSink sink, void* user);
+
 // Enables levels up to `level` on `channel`. A null channel sets the level of every channel
 // that has no level of its own. Level 0 silences the channel.
 VIDRA_LOG_EXPORT void setLoggerLevel(const char* channel, int level);
