@@ -4,8 +4,8 @@
 #include "vidra/mjpeg_c.h"
 
 #include <cstring>
-#include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "vidra/log.h"
 #include "vidra/mjpeg.h"
@@ -77,20 +77,10 @@ VIDRA_SAME_VALUE(SUBSAMPLING_411, Subsampling::k411);
 VIDRA_SAME_VALUE(SUBSAMPLING_GREY, Subsampling::kGrey);
 #undef VIDRA_SAME_VALUE
 
-struct SinkTarget {
-  vidra_mjpeg_log_sink sink;
-  void* user;
-};
-SinkTarget g_sink_target;
-std::mutex g_sink_setter_mutex;  // one vidra_mjpeg_set_log_sink() at a time
-
-// Runs under the logging library's emission lock, which setLogSink() also takes, so the target
-// read here is the one installed with it.
-void forwardLine(void* user, int level, const char* channel, const char* file, int line,
-                 const char* text) {
-  const SinkTarget* target = static_cast<const SinkTarget*>(user);
-  target->sink(target->user, level, channel, file, line, text);
-}
+// The C sink is the C++ one spelled with fixed-width integers; where int is 32 bits (every
+// platform this library builds for) the two are one type and the sink is handed on as it is.
+static_assert(std::is_same<vidra_mjpeg_log_sink, vidra::LogSink>::value,
+              "the C and C++ log sinks must be one type");
 
 }  // namespace
 
@@ -191,17 +181,7 @@ void vidra_mjpeg_set_log_level(const char* channel, int32_t level) {
 }
 
 void vidra_mjpeg_set_log_sink(vidra_mjpeg_log_sink sink, void* user) {
-  if (sink == nullptr) {
-    vidra::setLogSink(nullptr, nullptr);
-    return;
-  }
-  // The C sink's signature differs from the C++ one only in its integer types, so a small
-  // forwarder carries it. The forwarder is unhooked while its target changes: once
-  // setLogSink() returns, no line is being emitted through it.
-  std::lock_guard<std::mutex> lock(g_sink_setter_mutex);
-  vidra::setLogSink(nullptr, nullptr);
-  g_sink_target = SinkTarget{sink, user};
-  vidra::setLogSink(forwardLine, &g_sink_target);
+  vidra::setLogSink(sink, user);
 }
 
 void vidra_mjpeg_set_force_turbo(int32_t force) {
