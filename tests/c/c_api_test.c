@@ -36,8 +36,7 @@ static uint8_t* read_file(const char* path, size_t* size) {
 static void check_frame(const uint8_t* frame, size_t size) {
   vidra_mjpeg_header header;
   CHECK(vidra_mjpeg_read_header(frame, size, &header) == 1);
-  CHECK(header.width > 0 && header.height > 0 && header.components == 3);
-  CHECK(header.colour_space == VIDRA_MJPEG_COLOUR_YCBCR);
+  CHECK(header.components == 3 && header.colour_space == VIDRA_MJPEG_COLOUR_YCBCR);
 
   const int32_t w = header.width, h = header.height;
   const size_t bytes = vidra_mjpeg_i420_size(w, h);
@@ -50,22 +49,12 @@ static void check_frame(const uint8_t* frame, size_t size) {
   vidra_mjpeg_options_init(&options);
   CHECK(options.decoder == VIDRA_MJPEG_DECODER_AUTO && options.insert_dht == 1 &&
         options.fallback == 0);
-  options.fallback = 1;
+  /* The report's fields come across (the C++ suite checks what they say), also with NULL
+   * options. */
   vidra_mjpeg_report report;
   CHECK(vidra_mjpeg_decode(frame, size, w, h, y, w, u, w / 2, v, w / 2, &options, &report) == 1);
-  CHECK(report.status == VIDRA_MJPEG_STATUS_CLEAN);
-  CHECK(report.reason == VIDRA_MJPEG_REASON_NONE);
-  CHECK(report.header.width == w);
-  CHECK(report.path == VIDRA_MJPEG_PATH_OWN || report.path == VIDRA_MJPEG_PATH_TURBO);
-  if (report.path == VIDRA_MJPEG_PATH_OWN) {
-    CHECK(report.total_mcus > 0 && report.valid_mcus == report.total_mcus);
-  }
-
-  /* Both decoders, NULL options, and the same picture from each but for TurboJPEG's rounding:
-   * only the own decoder's report counts MCUs. */
-  options.decoder = VIDRA_MJPEG_DECODER_TURBO;
-  CHECK(vidra_mjpeg_decode(frame, size, w, h, y, w, u, w / 2, v, w / 2, &options, &report) == 1);
-  CHECK(report.path == VIDRA_MJPEG_PATH_TURBO && report.total_mcus == 0);
+  CHECK(report.status == VIDRA_MJPEG_STATUS_CLEAN && report.header.width == w);
+  CHECK(report.path != VIDRA_MJPEG_PATH_OWN || report.valid_mcus == report.total_mcus);
   CHECK(vidra_mjpeg_decode(frame, size, w, h, y, w, u, w / 2, v, w / 2, NULL, &report) == 1);
 
   /* A wrong size is refused with the planes untouched; its log lines go to the sink, and none
@@ -76,7 +65,6 @@ static void check_frame(const uint8_t* frame, size_t size) {
   options.decoder = VIDRA_MJPEG_DECODER_OWN;
   CHECK(vidra_mjpeg_decode(frame, size, w, h - 2, y, w, u, w / 2, v, w / 2, &options, &report) ==
         0);
-  CHECK(report.status == VIDRA_MJPEG_STATUS_REFUSED);
   CHECK(report.reason == VIDRA_MJPEG_REASON_SIZE_MISMATCH);
   CHECK(picture[0] == 0x5A && picture[bytes - 1] == 0x5A);
   CHECK(lines > 0);
