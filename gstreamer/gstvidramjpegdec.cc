@@ -28,12 +28,6 @@ namespace vj = vidra::jpeg;
 constexpr gboolean kDefaultFallback = TRUE;
 constexpr gboolean kDefaultOutputFailed = FALSE;
 
-// A frame header that claims more pixels than this many per byte of frame is refused before
-// anything is negotiated or allocated: even a flat frame with one-bit Huffman codes needs a
-// byte per 256 pixels, so only a damaged header gets here, and its size could be anything up
-// to 65535 x 65535.
-constexpr guint64 kMaxPixelsPerByte = 1024;
-
 enum { PROP_0, PROP_DECODER, PROP_FALLBACK, PROP_OUTPUT_FAILED };
 
 GstStaticPadTemplate sink_template =
@@ -177,7 +171,8 @@ GstFlowReturn decodeInto(GstVidraMjpegDec* dec, GstVideoCodecFrame* frame, const
     return dropWithError(dec, frame, "No JPEG frame header", "no frame size before the scan");
   }
   const int width = header.width, height = header.height;
-  if (static_cast<guint64>(width) * height > kMaxPixelsPerByte * in.size) {
+  // Before anything is negotiated or allocated: a damaged header may claim 65535 x 65535.
+  if (!vj::frameSizePlausible(header, in.size)) {
     return dropWithError(dec, frame, "Frame too large for its data",
                          vj::refusalReasonText(vj::RefusalReason::kTooLarge));
   }

@@ -7,7 +7,7 @@ set -euo pipefail
 library="$1"
 exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDRBVW]$/ {print $3}' | c++filt | sort -u)
 
-allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange|decodeFrame|readFrameHeader|refusalReasonText|automaticDecoder|vectorLevel|findFrame)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|vidra::jpeg::(MJPEGSplitter|MJPEGStreamSplitter)::.*|decode_mcu_span_sse2_64|vidra_mjpeg_(automatic_decoder|vector_level|version|i420_size|options_init|read_header|decode|reason_text|status_name|set_log_level|set_log_sink|set_force_turbo)|vidra_mjpeg_splitter_(find|new|free|feed|finish|next|pending_junk|total_junk)|_init|_fini|_edata|_end|__bss_start)$'
+allowed='^(vidra::jpeg::(decompressMJPEG|getJPEGImageSize|setForceJPEGTurboDecoder|adaptStrides|resample444To420|resample422To420|interpolateRange|decodeFrame|readFrameHeader|refusalReasonText|automaticDecoder|vectorLevel|frameSizePlausible|findFrame)\(.*\)|vidra::jpeg::(g_force_use_jt_decoder|g_cpu_info_|kMJPGDHTSeg)|vidra::jpeg::SimpleJPEGDecoder::.*|vidra::jpeg::JTDecoder::.*|vidra::jpeg::(MJPEGSplitter|MJPEGStreamSplitter)::.*|decode_mcu_span_sse2_64|vidra_mjpeg_(frame_size_plausible|automatic_decoder|vector_level|version|i420_size|options_init|read_header|decode|reason_text|status_name|set_log_level|set_log_sink|set_force_turbo)|vidra_mjpeg_splitter_(find|new|free|feed|finish|next|pending_junk|total_junk)|_init|_fini|_edata|_end|__bss_start)$'
 required=(
   'vidra::jpeg::decompressMJPEG('
   'vidra::jpeg::getJPEGImageSize('

@@ -420,6 +420,16 @@ TEST(FrameHeaderTest, ReadsWhatTheSegmentsSay) {
   EXPECT_FALSE(readFrameHeader(frame.data(), frame.size(), nullptr));
 }
 
+// A header's size against its data: 16M pixels always pass, more need a byte per 512 pixels.
+TEST(FrameHeaderTest, SizePlausibleForItsData) {
+  FrameHeader claim;
+  claim.width = claim.height = 4096;
+  EXPECT_TRUE(frameSizePlausible(claim, 10));
+  claim.width = claim.height = 8192;
+  EXPECT_FALSE(frameSizePlausible(claim, 131071));
+  EXPECT_TRUE(frameSizePlausible(claim, 131072));
+}
+
 }  // namespace
 }  // namespace jpeg
 }  // namespace vidra

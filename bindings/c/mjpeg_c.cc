@@ -110,6 +110,14 @@ int vidra_mjpeg_read_header(const uint8_t* data, size_t size, vidra_mjpeg_header
   return found ? 1 : 0;
 }
 
+int vidra_mjpeg_frame_size_plausible(const vidra_mjpeg_header* header, size_t size) {
+  if (header == nullptr) return 0;
+  FrameHeader claim;
+  claim.width = header->width;
+  claim.height = header->height;
+  return vidra::jpeg::frameSizePlausible(claim, size) ? 1 : 0;
+}
+
 int vidra_mjpeg_decode(const uint8_t* data, size_t size, int32_t width, int32_t height, uint8_t* y,
                        int32_t y_stride, uint8_t* u, int32_t u_stride, uint8_t* v, int32_t v_stride,
                        const vidra_mjpeg_options* options, vidra_mjpeg_report* report) {

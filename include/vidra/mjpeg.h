@@ -108,6 +108,14 @@ struct FrameHeader {
 // that the data doesn't reach stay at their defaults. Reads no entropy data, logs nothing.
 VIDRA_MJPEG_EXPORT bool readFrameHeader(const uint8_t* data, size_t size, FrameHeader* header);
 
+// Whether `size` bytes of frame can carry a picture of the header's size. Every frame takes at
+// least a DC and an end-of-block code per 8x8 block of luma, so a large frame with less than a
+// byte per 512 pixels has a damaged or hostile header, which may claim up to 65535 x 65535
+// pixels (6 GiB of planes). A host that sizes its planes from the header asks this before it
+// allocates them. Frames of up to 16M pixels always pass, so that cut-off frames still reach
+// the decoder and are concealed.
+VIDRA_MJPEG_EXPORT bool frameSizePlausible(const FrameHeader& header, size_t size);
+
 // Which decoder a call uses.
 enum class Decoder : uint8_t {
   kAuto = 0,  // as decompressMJPEG(): TurboJPEG when forced or without SSSE3/SSE4.1, else own

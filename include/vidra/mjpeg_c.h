@@ -149,6 +149,11 @@ VIDRA_MJPEG_C_EXPORT void vidra_mjpeg_options_init(vidra_mjpeg_options* options)
 VIDRA_MJPEG_C_EXPORT int vidra_mjpeg_read_header(const uint8_t* data, size_t size,
                                                  vidra_mjpeg_header* header);
 
+/* 1 when `size` bytes of frame can carry a picture of the header's size (see
+ * vidra::jpeg::frameSizePlausible): ask it before allocating planes for a header's size. */
+VIDRA_MJPEG_C_EXPORT int vidra_mjpeg_frame_size_plausible(const vidra_mjpeg_header* header,
+                                                          size_t size);
+
 /* Decodes one frame into the planes; 1 for a clean or concealed frame, else 0. `options` may be
  * NULL (defaults). A NULL `report` refuses the call (0, nothing written). Never throws: an
  * exhausted heap is a refusal with VIDRA_MJPEG_REASON_OUT_OF_MEMORY. */

@@ -127,11 +127,6 @@ py::array_t<uint8_t> outputArray(py::handle out, size_t bytes) {
 
 // ---- Decoding ----------------------------------------------------------------------------
 
-// Above this many bytes of output a frame must bring at least one bit of data per 8x8 luma
-// block, as every baseline or progressive frame does; a damaged header claiming a huge size is
-// refused before anything is allocated.
-constexpr size_t kLargeOutputBytes = size_t{32} << 20;
-
 py::tuple reportTuple(py::object planes, int width, int height, const FrameReport& report) {
   return py::make_tuple(std::move(planes), width, height, static_cast<int>(report.status),
                         static_cast<int>(report.reason), static_cast<int>(report.path),
@@ -177,8 +172,8 @@ py::tuple decode(py::handle data, py::handle out, bool fallback, int decoder) {
 
   const int width = header.width, height = header.height;
   const size_t bytes = i420Bytes(width, height);
-  if (bytes > kLargeOutputBytes &&
-      input.size() < static_cast<size_t>(width) * static_cast<size_t>(height) / 512) {
+  // A damaged header claiming a huge size is refused before anything is allocated.
+  if (!vidra::jpeg::frameSizePlausible(header, input.size())) {
     report = refusal(vidra::jpeg::RefusalReason::kTooLarge);
     report.header = header;
     return reportTuple(py::none(), width, height, report);

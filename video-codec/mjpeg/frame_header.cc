@@ -200,6 +200,15 @@ bool ownDecoderRefusesLayout(const HeaderScan& scan) {
   return h.h_factors[slot[3]] != 1;
 }
 
+bool frameSizePlausible(const FrameHeader& header, size_t size) {
+  constexpr uint64_t kAlwaysPlausiblePixels = uint64_t{1} << 24;
+  constexpr uint64_t kPixelsPerByte = 512;
+  if (header.width < 0 || header.height < 0) return false;
+  const uint64_t pixels =
+      static_cast<uint64_t>(header.width) * static_cast<uint64_t>(header.height);
+  return pixels <= kAlwaysPlausiblePixels || pixels <= kPixelsPerByte * static_cast<uint64_t>(size);
+}
+
 bool readFrameHeader(const uint8_t* data, size_t size, FrameHeader* header) {
   if (header == nullptr) return false;
   HeaderScan scan;
