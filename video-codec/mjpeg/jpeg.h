@@ -107,7 +107,8 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   // caller's planes as they were) and the caller's planes and input don't overlap; the rows
   // below stay in the decoder's planes and are copied as before. takeBackDirectRows() brings
   // the rows back into the decoder's planes before concealment, which then sees its usual
-  // samples. Both do nothing unless decompress() has set caller_.
+  // samples. Both do nothing unless decompress() has set caller_, and outputResults() forgets
+  // the caller's planes once it has completed them.
   struct CallerPlanes {
     uint8_t* plane_[3] = {};  // Y, U, V
     int stride_[3] = {};

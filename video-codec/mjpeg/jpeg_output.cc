@@ -81,11 +81,8 @@ bool SimpleJPEGDecoder::outputResults(int width, int height, uint8_t* y, int y_s
     JPEG_CHECK(planeHolds(channels_[3], source_width, source_height));
   }
 
-  // Rows that the kernel wrote straight to the caller's planes are there already; output to
-  // other planes takes them back first.
-  if (y != caller_.plane_[0] || u != caller_.plane_[1] || v != caller_.plane_[2]) {
-    takeBackDirectRows();
-  }
+  // Rows that the kernel wrote straight to the caller's planes (direct_rows_) are there
+  // already; only the rows below them are copied.
   // adaptStrides() of `channel` to `dst`, from row `first_row` on.
   auto copyRowsBelow = [](int first_row, const Channel& channel, uint8_t* dst, int dst_stride,
                           int width, int height) {
@@ -116,6 +113,9 @@ bool SimpleJPEGDecoder::outputResults(int width, int height, uint8_t* y, int y_s
       fillGreyPlane(v, v_stride, chroma_width, chroma_height);
       break;
   }
+  // The caller's planes are complete; the decoder keeps no pointer to them.
+  caller_ = CallerPlanes();
+  for (int32_t& rows : direct_rows_) rows = 0;
   return true;
 }
 
