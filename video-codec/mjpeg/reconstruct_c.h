@@ -1,5 +1,5 @@
 // Block reconstruction in plain integer code: the reference form, which every vector form
-// (reconstruct_sse41.h, reconstruct_avx2.h) reproduces sample for sample. Every intermediate is
+// (reconstruct_sse41.h, reconstruct_neon.h) reproduces sample for sample. Every intermediate is
 // a signed 16-bit value, as in the vector lanes.
 #pragma once
 

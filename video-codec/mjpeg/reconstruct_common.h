@@ -3,7 +3,7 @@
 // A block is reconstructed by one of three paths, chosen from what the kernel tells about it
 // (`position_mask`, the OR of the natural indices it stored, and `last_position`, the zigzag
 // position of its last value): the DC value alone, the four lowest frequencies, or the full
-// 8x8 transform. Every form (reconstruct_c.h, reconstruct_sse41.h) gives
+// 8x8 transform. Every form (reconstruct_c.h, reconstruct_sse41.h, reconstruct_neon.h) gives
 // the same samples on every path.
 #pragma once
 

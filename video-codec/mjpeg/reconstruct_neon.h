@@ -68,23 +68,26 @@ struct NeonReconstruction {
     return k;
   }
 
-  // The path choice of reconstructWith(), with one more step inside the full path: when no
-  // stored index has bit 2 or bit 5 set (all stores in rows 0..3 and columns 0..3), the other
-  // 48 values are zero and the transform skips them. Adding or subtracting a zero changes no
-  // 16-bit value, so both transforms give the same samples.
+  // The shared path choice (reconstruct_common.h), with one more step inside the full path:
+  // a block whose values all lie in rows 0..3 and columns 0..3 skips the other 48, which are
+  // zero; adding or subtracting a zero changes no 16-bit value, so the samples are the same.
   VIDRA_ALWAYS_INLINE static void reconstruct(const Constants& constants, const int16_t* block,
                                               unsigned position_mask, unsigned last_position,
                                               uint8_t* dest, int stride) {
-    if (position_mask & 0xF6) {
-      if (position_mask & 0x24) {
-        full(constants, block, dest, stride);
-      } else {
-        full4x4(constants, block, dest, stride);
-      }
-    } else if (last_position == 0) {
-      dc(constants, block[0], dest, stride);
-    } else {
-      lowFrequency(constants, block, dest, stride);
+    switch (blockPath(position_mask, last_position)) {
+      case BlockPath::kFull:
+        if (inTopRows(position_mask) && inLeftColumns(position_mask)) {
+          full4x4(constants, block, dest, stride);
+        } else {
+          full(constants, block, dest, stride);
+        }
+        break;
+      case BlockPath::kDC:
+        dc(constants, block[0], dest, stride);
+        break;
+      case BlockPath::kLowFrequency:
+        lowFrequency(constants, block, dest, stride);
+        break;
     }
   }
 
