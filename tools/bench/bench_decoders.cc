@@ -45,16 +45,6 @@ bool isVidra(DecoderKind kind) {
   return kind == DecoderKind::kVidraOwn || kind == DecoderKind::kVidraTurbo;
 }
 
-TurboPlaneLayout turboPlaneLayout(int width, int height, int subsampling) {
-  TurboPlaneLayout layout;
-  layout.planes = subsampling == TJSAMP_GRAY ? 1 : 3;
-  for (int i = 0; i < layout.planes; ++i) {
-    layout.width[i] = tjPlaneWidth(i, width, subsampling);
-    layout.height[i] = tjPlaneHeight(i, height, subsampling);
-  }
-  return layout;
-}
-
 namespace {
 
 void fillGreyChroma(I420Image* out) {
@@ -132,16 +122,18 @@ class LibjpegTurboDecoder : public BenchDecoder {
       return BenchResult::kRefused;  // 4:4:0, 4:1:1: no box filter for them in the library
     }
     out->resize(width, height);
-    const TurboPlaneLayout layout = turboPlaneLayout(width, height, subsampling);
     unsigned char* planes[3] = {out->y.data(), out->u.data(), out->v.data()};
     int strides[3] = {out->yStride(), out->chromaStride(), out->chromaStride()};
     const bool direct = subsampling == TJSAMP_420 || subsampling == TJSAMP_GRAY;
     if (!direct) {
-      const size_t chroma = static_cast<size_t>(layout.width[1]) * layout.height[1];
+      // TurboJPEG's chroma planes round up: tjPlaneWidth/Height say how large they are.
+      const int chroma_width = tjPlaneWidth(1, width, subsampling);
+      const size_t chroma =
+          static_cast<size_t>(chroma_width) * tjPlaneHeight(1, height, subsampling);
       scratch_.resize(2 * chroma);
       planes[1] = scratch_.data();
       planes[2] = scratch_.data() + chroma;
-      strides[1] = strides[2] = layout.width[1];
+      strides[1] = strides[2] = chroma_width;
     }
     if (tjDecompressToYUVPlanes(handle_, data, frame.size, planes, width, strides, height,
                                 TJFLAG_FASTDCT) != 0 &&

@@ -49,14 +49,5 @@ class BenchDecoder {
 // `fallback`: the own decoder hands the frames it refuses as unsupported to TurboJPEG.
 std::unique_ptr<BenchDecoder> makeBenchDecoder(DecoderKind kind, bool fallback);
 
-// The planes TurboJPEG decodes a frame of `width` x `height` in `subsampling` (TJSAMP_*) into:
-// tjPlaneWidth / tjPlaneHeight of each component (chroma rounding up); one plane for grey.
-struct TurboPlaneLayout {
-  int planes = 0;
-  int width[3] = {0, 0, 0};
-  int height[3] = {0, 0, 0};
-};
-TurboPlaneLayout turboPlaneLayout(int width, int height, int subsampling);
-
 }  // namespace tool
 }  // namespace vidra
