@@ -4,7 +4,6 @@ import array
 import concurrent.futures
 import logging
 import mmap
-import random
 import resource
 import sys
 import threading
@@ -14,15 +13,18 @@ import numpy as np
 import pytest
 
 import vidra_mjpeg as vm
-from conftest import corpus_files, corpus_frame, ffmpeg_frame
+from conftest import corpus_frame, ffmpeg_frame
 
 S, R, P = vm.Status, vm.Reason, vm.Path
 
 
+# One frame of each outcome: the C++ tests check the library's decoding over the whole corpus.
 @pytest.mark.parametrize("decoder", ["auto", "own", "turbo"])
-@pytest.mark.parametrize("path", corpus_files("webcam-480p", "webcam-720p", "damaged", "reftest"))
-def test_planes_and_report_equal_the_c_interface(path, decoder, c_interface):
-    data = path.read_bytes()
+@pytest.mark.parametrize("name", [
+    "webcam-720p/book-03.jpg", "reftest/jpg-size-17x17.jpg", "damaged/flip-again-00.jpg",
+    "damaged/trunc-again-00.jpg", "reftest/jpg-progressive.jpg", "reftest/rgb.jpg"])
+def test_planes_and_report_equal_the_c_interface(name, decoder, c_interface):
+    data = corpus_frame(name)
     planes, report = c_interface.decode(data, ["auto", "own", "turbo"].index(decoder))
     try:
         frame = vm.decode_i420(data, decoder=decoder)
@@ -122,15 +124,10 @@ def test_buffer_types(tmp_path):
 @pytest.mark.parametrize("decoder", ["auto", "turbo"])
 def test_bad_input_raises_a_decode_error(decoder):
     frame = corpus_frame("reftest/jpg-size-33x33.jpg")
-    rng = random.Random(16)
+    # Damage itself is the C++ tests' business; here each outcome must come out as a Frame or a
+    # DecodeError with a Reason.
     cases = [b"", b"\xff", b"\xff\xd8", b"\xff\xd8\xff\xd9", b"\x00" * 100]
-    cases += [frame[:n] for n in range(0, min(len(frame), 700), 7)]
-    for _ in range(300):
-        damaged = bytearray(frame)
-        for _ in range(rng.randint(1, 8)):
-            damaged[rng.randrange(len(damaged))] = rng.randrange(256)
-        cases.append(damaged)
-    for data in cases:
+    for data in cases + [frame[:n] for n in range(0, min(len(frame), 700), 7)]:
         try:
             assert vm.decode_i420(data, decoder=decoder).status in (S.CLEAN, S.CONCEALED)
         except vm.DecodeError as error:
