@@ -318,71 +318,53 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Streams -------------------------------------------------------------------------------
 
-struct ByteStreamCase {
-  const char* name;
-  std::vector<const char*> frames;  // the last one goes in without its EOI
-  int max_piece;                    // pieces of 1..max_piece bytes
-};
-void PrintTo(const ByteStreamCase& c, std::ostream* os) { *os << c.name; }
-
-class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
-
-// Frames with junk around them, in pieces and without timestamps: each frame comes out as soon
-// as its EOI is in (no latency), the last one (without EOI) at the end of the stream, when its
-// decoder takes it. Sizes change from frame to frame: each picture needs buffers renegotiated
-// for it.
-TEST_P(ByteStreams, AreCutIntoTheirFramesWhateverThePieces) {
-  const ByteStreamCase& c = GetParam();
+// Frames with junk around them, in pieces (of one byte, then of up to 9000) and without
+// timestamps: each frame comes out as soon as its EOI is in (no latency), the last one (without
+// EOI) at the end of the stream, when its decoder takes it. Sizes change from frame to frame:
+// each picture needs buffers renegotiated for it.
+TEST(Stream, BytesAreCutIntoTheirFramesWhateverThePieces) {
+  const char* const names[] = {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
+                               "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"};
   const std::string junk("junk\xFF\xD8\x00\xFF", 8);  // an SOI without a marker behind it
   std::vector<uint8_t> stream(junk.begin(), junk.end()), frame;
   std::vector<Reference> refs;
   std::vector<size_t> pictures;
   std::vector<size_t> frame_ends;  // and how many pictures have come out by then
-  for (size_t i = 0; i < c.frames.size(); ++i) {
-    READ_OR_SKIP(c.frames[i], &frame);
-    if (i + 1 == c.frames.size()) frame.resize(frame.size() - 2);
+  for (const char* name : names) {
+    READ_OR_SKIP(name, &frame);
+    if (name == names[3]) frame.resize(frame.size() - 2);  // no EOI
     refs.push_back(decodeReference(frame));
     stream.insert(stream.end(), frame.begin(), frame.end());
     frame_ends.push_back(stream.size());
     pictures.push_back((pictures.empty() ? 0 : pictures.back()) + shown(refs.back()));
-    if (i % 2) stream.insert(stream.end(), junk.begin(), junk.end());
+    if (refs.size() % 2 == 0) stream.insert(stream.end(), junk.begin(), junk.end());
   }
-  Harness harness("", "image/jpeg");
-  GRand* rand = g_rand_new_with_seed(17);
-  for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
-    const size_t size =
-        std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, c.max_piece + 1));
-    ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)), GST_FLOW_OK);
-    pos += size;
-    while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
-    ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
-        << "at byte " << pos;
-  }
-  g_rand_free(rand);
-  gst_harness_push_event(harness.h, gst_event_new_eos());
-  ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
-  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
-  for (const Reference& ref : refs) {
-    if (!shown(ref)) continue;
-    GstBuffer* out = gst_harness_pull(harness.h);
-    expectPicture(out, ref);
-    gst_buffer_unref(out);
+  for (int max_piece : {1, 9000}) {
+    SCOPED_TRACE("pieces of up to " + std::to_string(max_piece) + " bytes");
+    Harness harness("", "image/jpeg");
+    GRand* rand = g_rand_new_with_seed(17);
+    for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
+      const size_t size =
+          std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, max_piece + 1));
+      ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)),
+                GST_FLOW_OK);
+      pos += size;
+      while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
+      ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
+          << "at byte " << pos;
+    }
+    g_rand_free(rand);
+    gst_harness_push_event(harness.h, gst_event_new_eos());
+    ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
+    EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
+    for (const Reference& ref : refs) {
+      if (!shown(ref)) continue;
+      GstBuffer* out = gst_harness_pull(harness.h);
+      expectPicture(out, ref);
+      gst_buffer_unref(out);
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Pieces, ByteStreams,
-    testing::Values(ByteStreamCase{"OneByte",
-                                   {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
-                                    "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"},
-                                   1},
-                    ByteStreamCase{"RandomSizes",
-                                   {"webcam-480p/again-00.jpg", "webcam-720p/book-02.jpg",
-                                    "streams/odd-641x481.jpg"},
-                                   9000}),
-    [](const testing::TestParamInfo<ByteStreamCase>& info) {
-      return std::string(info.param.name);
-    });
 
 // Timestamped frames without parsed=true, as a demuxer sends them, are decoded one per buffer:
 // a frame without EOI comes out at once, with its timestamp. The element adds no latency.
