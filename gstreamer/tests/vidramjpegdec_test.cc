@@ -55,15 +55,6 @@ bool readFile(const std::string& name, std::vector<uint8_t>* data) {
 #define READ_OR_SKIP(name, data) \
   if (!readFile((name), (data))) GTEST_SKIP() << pathOf(name) << " is absent (corpus or tools)"
 
-// "streams/odd-641x481.jpg" gives "odd_641x481".
-std::string nameOf(std::string name) {
-  name = name.substr(name.rfind('/') + 1);
-  name.erase(name.rfind('.'));
-  std::replace_if(
-      name.begin(), name.end(), [](char c) { return !g_ascii_isalnum(c); }, '_');
-  return name;
-}
-
 // The library's own decode of a frame, planes packed, with the fallback as the element has it.
 struct Reference {
   int width = 0, height = 0;
@@ -71,7 +62,8 @@ struct Reference {
   vj::FrameReport report;
 };
 
-Reference decodeReference(const std::vector<uint8_t>& frame) {
+Reference decodeReference(const std::vector<uint8_t>& frame,
+                          vj::Decoder decoder = vj::Decoder::kAuto) {
   Reference ref;
   vj::FrameHeader header;
   EXPECT_TRUE(vj::readFrameHeader(frame.data(), frame.size(), &header));
@@ -83,6 +75,7 @@ Reference decodeReference(const std::vector<uint8_t>& frame) {
   ref.planes[2].resize(size_t(cw) * ch + 1);
   vj::DecodeOptions options;
   options.fallback = true;
+  options.decoder = decoder;
   vj::decodeFrame(frame.data(), frame.size(), ref.width, ref.height, ref.planes[0].data(),
                   ref.width, ref.planes[1].data(), cw, ref.planes[2].data(), cw, options,
                   &ref.report);
@@ -159,61 +152,6 @@ struct Harness {
   }
 };
 
-// ---- Pictures ------------------------------------------------------------------------------
-
-struct PictureCase {
-  const char* frame;
-  bool needs_fallback;  // the library's own decoder refuses it
-};
-void PrintTo(const PictureCase& c, std::ostream* os) { *os << c.frame; }
-
-class Pictures : public testing::TestWithParam<PictureCase> {};
-
-TEST_P(Pictures, EqualTheLibrarysAndNeedTheFallbackWhereTheOwnDecoderRefuses) {
-  std::vector<uint8_t> data;
-  READ_OR_SKIP(GetParam().frame, &data);
-  const Reference ref = decodeReference(data);
-  if (ref.report.status == vj::FrameStatus::kRefused && !ownDecoderRuns()) {
-    GTEST_SKIP() << "TurboJPEG refuses it: " << vj::refusalReasonText(ref.report.reason);
-  }
-  ASSERT_EQ(ref.report.status, vj::FrameStatus::kClean);
-  const bool refused_by_own = GetParam().needs_fallback && ownDecoderRuns();
-  EXPECT_EQ(ref.report.path == vj::DecodePath::kTurboFallback, refused_by_own);
-  for (bool fallback : {true, false}) {
-    Harness harness(fallback ? "fallback=true" : "fallback=false");
-    ASSERT_EQ(gst_harness_push(harness.h, bufferOf(data)), GST_FLOW_OK);
-    GstBuffer* out = gst_harness_try_pull(harness.h);
-    if (!fallback) {
-      EXPECT_EQ(out == nullptr, refused_by_own);
-    } else {
-      ASSERT_NE(out, nullptr);
-      GstCaps* caps = gst_pad_get_current_caps(harness.h->sinkpad);
-      GstStructure* s = gst_caps_get_structure(caps, 0);
-      EXPECT_STREQ(gst_structure_get_string(s, "format"), "I420");
-      EXPECT_STREQ(gst_structure_get_string(s, "colorimetry"), "1:4:0:0");
-      EXPECT_STREQ(gst_structure_get_string(s, "chroma-site"), "jpeg");
-      gst_caps_unref(caps);
-      EXPECT_FALSE(GST_BUFFER_FLAG_IS_SET(out, GST_BUFFER_FLAG_CORRUPTED));
-      expectPicture(out, ref);
-    }
-    if (out) gst_buffer_unref(out);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frames, Pictures,
-    testing::Values(PictureCase{"webcam-480p/again-00.jpg", false},  // 4:2:2, no DHT, restarts
-                    PictureCase{"webcam-720p/book-03.jpg", false},   // 4:2:2, no restarts
-                    PictureCase{"reftest/mjpeg.jpg", false},         // a real camera's frame
-                    PictureCase{"streams/cjpeg-420.jpg", false},     // 4:2:0
-                    PictureCase{"streams/odd-641x481.jpg", false},   // 4:2:0, odd size
-                    PictureCase{"reftest/jpg-size-17x17.jpg", false},
-                    PictureCase{"reftest/jpg-size-1x1.jpg", false},
-                    PictureCase{"streams/ffmpeg-422.jpg", true},  // chroma 1x2
-                    PictureCase{"reftest/jpg-progressive.jpg", true},
-                    PictureCase{"reftest/jpg-gray.jpg", true}),
-    [](const testing::TestParamInfo<PictureCase>& info) { return nameOf(info.param.frame); });
-
 // ---- Downstream buffer layouts -------------------------------------------------------------
 
 // Answers the allocation query with a pool whose buffers have padded rows and a top margin.
@@ -262,6 +200,12 @@ TEST_P(Layouts, FollowTheBuffersStrides) {
   ASSERT_EQ(gst_harness_push(harness.h, bufferOf(data)), GST_FLOW_OK);
   GstBuffer* out = gst_harness_try_pull(harness.h);
   ASSERT_NE(out, nullptr);
+  GstCaps* caps = gst_pad_get_current_caps(harness.h->sinkpad);
+  GstStructure* s = gst_caps_get_structure(caps, 0);
+  EXPECT_STREQ(gst_structure_get_string(s, "format"), "I420");
+  EXPECT_STREQ(gst_structure_get_string(s, "colorimetry"), "1:4:0:0");
+  EXPECT_STREQ(gst_structure_get_string(s, "chroma-site"), "jpeg");
+  gst_caps_unref(caps);
   const GstVideoMeta* meta = gst_buffer_get_video_meta(out);
   ASSERT_EQ(meta != nullptr, GetParam() != kNoVideoMeta);
   if (meta) {
@@ -290,6 +234,7 @@ struct OutcomeCase {
   const char* name;
   const char* frame;
   const char* properties;
+  bool needs_own;  // the library's automatic choice must be its own decoder
   bool input_corrupted;
   GstFlowReturn flow;
   const char* meta;  // the meta's status on a picture that goes out; "" none; nullptr no picture
@@ -303,9 +248,7 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   const OutcomeCase& c = GetParam();
   std::vector<uint8_t> data;
   READ_OR_SKIP(c.frame, &data);
-  if ((c.frame == kConcealed || c.frame == kFailed) && !ownDecoderRuns()) {
-    GTEST_SKIP() << "TurboJPEG decodes here, and conceals nothing";
-  }
+  if (c.needs_own && !ownDecoderRuns()) GTEST_SKIP() << "TurboJPEG decodes here";
   Harness harness(c.properties);
   GstBuffer* in = bufferOf(data);
   if (c.input_corrupted) GST_BUFFER_FLAG_SET(in, GST_BUFFER_FLAG_CORRUPTED);
@@ -313,7 +256,8 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   GstBuffer* out = gst_harness_try_pull(harness.h);
   ASSERT_EQ(out != nullptr, c.meta != nullptr);
   if (out) {
-    const Reference ref = decodeReference(data);
+    const bool own = std::string(c.properties) == "decoder=own";
+    const Reference ref = decodeReference(data, own ? vj::Decoder::kOwn : vj::Decoder::kAuto);
     EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(out, GST_BUFFER_FLAG_CORRUPTED),
               c.input_corrupted || c.meta[0] != '\0');
     GstCustomMeta* meta = gst_buffer_get_custom_meta(out, kMetaName);
@@ -335,117 +279,92 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   EXPECT_EQ(harness.count(GST_MESSAGE_ERROR), c.errors);
 }
 
-// decoder=own conceals wherever the library's automatic choice is TurboJPEG (aarch64, no
-// SSE4.1, VIDRA_CPU_MASK=nosimd), and decoder=turbo never conceals.
-TEST(Decoder, PropertyPicksTheLibrarysDecoder) {
-  std::vector<uint8_t> data;
-  READ_OR_SKIP(kConcealed, &data);
-  for (const char* choice : {"own", "turbo"}) {
-    Harness harness((std::string("decoder=") + choice).c_str());
-    const GstFlowReturn flow = gst_harness_push(harness.h, bufferOf(data));
-    GstBuffer* out = gst_harness_try_pull(harness.h);
-    if (std::string(choice) == "own") {
-      EXPECT_EQ(flow, GST_FLOW_OK);
-      ASSERT_NE(out, nullptr);
-      GstCustomMeta* meta = gst_buffer_get_custom_meta(out, kMetaName);
-      ASSERT_NE(meta, nullptr);
-      EXPECT_STREQ(gst_structure_get_string(gst_custom_meta_get_structure(meta), "path"), "own");
-    } else if (out) {
-      EXPECT_EQ(gst_buffer_get_custom_meta(out, kMetaName), nullptr);
-    }
-    if (out) gst_buffer_unref(out);
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Frames, Outcomes,
     testing::Values(
-        OutcomeCase{"Clean", "webcam-480p/again-01.jpg", "", false, GST_FLOW_OK, "", 0, 0},
-        OutcomeCase{"InputFlagged", "webcam-480p/again-01.jpg", "", true, GST_FLOW_OK, "", 0, 0},
-        OutcomeCase{"Concealed", kConcealed, "", false, GST_FLOW_OK, "concealed", 0, 0},
-        OutcomeCase{"ConcealedDiscarded", kConcealed, "discard-corrupted-frames=true", false,
-                    GST_FLOW_OK, nullptr, 0, 0},
-        OutcomeCase{"Failed", kFailed, "", false, GST_FLOW_OK, nullptr, 1, 0},
-        OutcomeCase{"FailedNoErrorsAllowed", kFailed, "max-errors=0", false, GST_FLOW_ERROR,
-                    nullptr, 1, 1},
-        OutcomeCase{"FailedSentOn", kFailed, "output-failed=true", false, GST_FLOW_OK, "failed", 0,
+        OutcomeCase{"Clean", "webcam-480p/again-01.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+        OutcomeCase{"InputFlagged", "webcam-480p/again-01.jpg", "", false, true, GST_FLOW_OK, "", 0,
                     0},
-        OutcomeCase{"Refused", kRefused, "output-failed=true", false, GST_FLOW_OK, nullptr, 1, 0},
-        OutcomeCase{"RefusedNoErrorsAllowed", kRefused, "max-errors=0", false, GST_FLOW_ERROR,
+        // No chroma from the library: neutral chroma.
+        OutcomeCase{"Tiny1x1", "reftest/jpg-size-1x1.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+        // The own decoder refuses these (chroma 1x2, grey): the fallback decodes them.
+        OutcomeCase{"Fallback", "streams/ffmpeg-422.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+        OutcomeCase{"FallbackGray", "reftest/jpg-gray.jpg", "", false, false, GST_FLOW_OK, "", 0,
+                    0},
+        OutcomeCase{"NoFallback", "streams/ffmpeg-422.jpg", "fallback=false", true, false,
+                    GST_FLOW_OK, nullptr, 1, 0},
+        OutcomeCase{"Concealed", kConcealed, "", true, false, GST_FLOW_OK, "concealed", 0, 0},
+        // decoder=own conceals also where the automatic choice is TurboJPEG (aarch64, no SSE4.1,
+        // VIDRA_CPU_MASK=nosimd); decoder=turbo conceals nothing: TurboJPEG refuses the frame.
+        OutcomeCase{"ConcealedDecoderOwn", kConcealed, "decoder=own", false, false, GST_FLOW_OK,
+                    "concealed", 0, 0},
+        OutcomeCase{"DecoderTurbo", kConcealed, "decoder=turbo", false, false, GST_FLOW_OK, nullptr,
+                    1, 0},
+        OutcomeCase{"ConcealedDiscarded", kConcealed, "discard-corrupted-frames=true", true, false,
+                    GST_FLOW_OK, nullptr, 0, 0},
+        OutcomeCase{"Failed", kFailed, "", true, false, GST_FLOW_OK, nullptr, 1, 0},
+        OutcomeCase{"FailedNoErrorsAllowed", kFailed, "max-errors=0", true, false, GST_FLOW_ERROR,
                     nullptr, 1, 1},
+        OutcomeCase{"FailedSentOn", kFailed, "output-failed=true", true, false, GST_FLOW_OK,
+                    "failed", 0, 0},
+        OutcomeCase{"Refused", kRefused, "output-failed=true", false, false, GST_FLOW_OK, nullptr,
+                    1, 0},
+        OutcomeCase{"RefusedNoErrorsAllowed", kRefused, "max-errors=0", false, false,
+                    GST_FLOW_ERROR, nullptr, 1, 1},
         // Refused before anything of that size is negotiated or allocated.
-        OutcomeCase{"HeaderClaims65535x65535", "streams/huge-header.jpg", "", false, GST_FLOW_OK,
-                    nullptr, 1, 0}),
+        OutcomeCase{"HeaderClaims65535x65535", "streams/huge-header.jpg", "", false, false,
+                    GST_FLOW_OK, nullptr, 1, 0}),
     [](const testing::TestParamInfo<OutcomeCase>& info) { return std::string(info.param.name); });
 
 // ---- Streams -------------------------------------------------------------------------------
 
-struct ByteStreamCase {
-  const char* name;
-  std::vector<const char*> frames;  // the last one goes in without its EOI
-  int max_piece;                    // pieces of 1..max_piece bytes
-};
-void PrintTo(const ByteStreamCase& c, std::ostream* os) { *os << c.name; }
-
-class ByteStreams : public testing::TestWithParam<ByteStreamCase> {};
-
-// Frames with junk around them, in pieces and without timestamps: each frame comes out as soon
-// as its EOI is in (no latency), the last one (without EOI) at the end of the stream, when its
-// decoder takes it. Sizes change from frame to frame: each picture needs buffers renegotiated
-// for it.
-TEST_P(ByteStreams, AreCutIntoTheirFramesWhateverThePieces) {
-  const ByteStreamCase& c = GetParam();
+// Frames with junk around them, in pieces (of one byte, then of up to 9000) and without
+// timestamps: each frame comes out as soon as its EOI is in (no latency), the last one (without
+// EOI) at the end of the stream, when its decoder takes it. Sizes change from frame to frame:
+// each picture needs buffers renegotiated for it.
+TEST(Stream, BytesAreCutIntoTheirFramesWhateverThePieces) {
+  const char* const names[] = {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
+                               "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"};
   const std::string junk("junk\xFF\xD8\x00\xFF", 8);  // an SOI without a marker behind it
   std::vector<uint8_t> stream(junk.begin(), junk.end()), frame;
   std::vector<Reference> refs;
   std::vector<size_t> pictures;
   std::vector<size_t> frame_ends;  // and how many pictures have come out by then
-  for (size_t i = 0; i < c.frames.size(); ++i) {
-    READ_OR_SKIP(c.frames[i], &frame);
-    if (i + 1 == c.frames.size()) frame.resize(frame.size() - 2);
+  for (const char* name : names) {
+    READ_OR_SKIP(name, &frame);
+    if (name == names[3]) frame.resize(frame.size() - 2);  // no EOI
     refs.push_back(decodeReference(frame));
     stream.insert(stream.end(), frame.begin(), frame.end());
     frame_ends.push_back(stream.size());
     pictures.push_back((pictures.empty() ? 0 : pictures.back()) + shown(refs.back()));
-    if (i % 2) stream.insert(stream.end(), junk.begin(), junk.end());
+    if (refs.size() % 2 == 0) stream.insert(stream.end(), junk.begin(), junk.end());
   }
-  Harness harness("", "image/jpeg");
-  GRand* rand = g_rand_new_with_seed(17);
-  for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
-    const size_t size =
-        std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, c.max_piece + 1));
-    ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)), GST_FLOW_OK);
-    pos += size;
-    while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
-    ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
-        << "at byte " << pos;
-  }
-  g_rand_free(rand);
-  gst_harness_push_event(harness.h, gst_event_new_eos());
-  ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
-  EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
-  for (const Reference& ref : refs) {
-    if (!shown(ref)) continue;
-    GstBuffer* out = gst_harness_pull(harness.h);
-    expectPicture(out, ref);
-    gst_buffer_unref(out);
+  for (int max_piece : {1, 9000}) {
+    SCOPED_TRACE("pieces of up to " + std::to_string(max_piece) + " bytes");
+    Harness harness("", "image/jpeg");
+    GRand* rand = g_rand_new_with_seed(17);
+    for (size_t pos = 0, done = 0; pos < stream.size();) {  // `done` frames are in whole
+      const size_t size =
+          std::min<size_t>(stream.size() - pos, g_rand_int_range(rand, 1, max_piece + 1));
+      ASSERT_EQ(gst_harness_push(harness.h, gst_buffer_new_memdup(&stream[pos], size)),
+                GST_FLOW_OK);
+      pos += size;
+      while (done + 1 < frame_ends.size() && frame_ends[done] <= pos) ++done;
+      ASSERT_EQ(gst_harness_buffers_received(harness.h), done ? pictures[done - 1] : 0)
+          << "at byte " << pos;
+    }
+    g_rand_free(rand);
+    gst_harness_push_event(harness.h, gst_event_new_eos());
+    ASSERT_EQ(gst_harness_buffers_received(harness.h), pictures.back());
+    EXPECT_EQ(harness.count(GST_MESSAGE_QOS), int(refs.size() - pictures.back()));  // drops
+    for (const Reference& ref : refs) {
+      if (!shown(ref)) continue;
+      GstBuffer* out = gst_harness_pull(harness.h);
+      expectPicture(out, ref);
+      gst_buffer_unref(out);
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Pieces, ByteStreams,
-    testing::Values(ByteStreamCase{"OneByte",
-                                   {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
-                                    "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"},
-                                   1},
-                    ByteStreamCase{"RandomSizes",
-                                   {"webcam-480p/again-00.jpg", "webcam-480p/again-01.jpg",
-                                    "webcam-720p/book-02.jpg", "streams/odd-641x481.jpg",
-                                    "webcam-480p/book-05.jpg"},
-                                   9000}),
-    [](const testing::TestParamInfo<ByteStreamCase>& info) {
-      return std::string(info.param.name);
-    });
 
 // Timestamped frames without parsed=true, as a demuxer sends them, are decoded one per buffer:
 // a frame without EOI comes out at once, with its timestamp. The element adds no latency.

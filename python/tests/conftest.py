@@ -16,14 +16,6 @@ CORPUS = pathlib.Path(os.environ.get(
     "VIDRA_CORPUS_DIR", pathlib.Path(__file__).resolve().parents[3] / "shared" / "corpus"))
 
 
-def corpus_files(*folders):
-    """Corpus frames as pytest params (ids "folder/name"); one skipping param when absent."""
-    files = sorted(f for folder in folders for f in (CORPUS / folder).glob("*.jpg"))
-    if not files:
-        return [pytest.param(None, marks=pytest.mark.skip(reason=f"corpus not found in {CORPUS}"))]
-    return [pytest.param(f, id=f"{f.parent.name}/{f.name}") for f in files]
-
-
 def corpus_frame(relative):
     path = CORPUS / relative
     if not path.exists():

@@ -4,7 +4,6 @@ import array
 import concurrent.futures
 import logging
 import mmap
-import random
 import resource
 import sys
 import threading
@@ -14,15 +13,18 @@ import numpy as np
 import pytest
 
 import vidra_mjpeg as vm
-from conftest import corpus_files, corpus_frame, ffmpeg_frame
+from conftest import corpus_frame, ffmpeg_frame
 
 S, R, P = vm.Status, vm.Reason, vm.Path
 
 
+# One frame of each outcome: the C++ tests check the library's decoding over the whole corpus.
 @pytest.mark.parametrize("decoder", ["auto", "own", "turbo"])
-@pytest.mark.parametrize("path", corpus_files("webcam-480p", "webcam-720p", "damaged", "reftest"))
-def test_planes_and_report_equal_the_c_interface(path, decoder, c_interface):
-    data = path.read_bytes()
+@pytest.mark.parametrize("name", [
+    "webcam-720p/book-03.jpg", "reftest/jpg-size-17x17.jpg", "damaged/flip-again-00.jpg",
+    "damaged/trunc-again-00.jpg", "reftest/jpg-progressive.jpg", "reftest/rgb.jpg"])
+def test_planes_and_report_equal_the_c_interface(name, decoder, c_interface):
+    data = corpus_frame(name)
     planes, report = c_interface.decode(data, ["auto", "own", "turbo"].index(decoder))
     try:
         frame = vm.decode_i420(data, decoder=decoder)
@@ -57,22 +59,11 @@ def test_exceptions(name, options, outcome, reason, path):
     assert frame is None or (frame.reason, frame.path) == (reason, path)
 
 
-def test_fallback_decodes_ffmpeg_422(tmp_path):
-    data = ffmpeg_frame(tmp_path, "320x240", "yuvj422p")
-    header = vm.read_header(data)
-    assert (header.sampling, header.h_factors, header.v_factors) == (
-        vm.Subsampling.S422, (2, 1, 1), (2, 2, 2))
-    with pytest.raises(vm.FrameRefused, match="layout"):
-        vm.decode_i420(data, decoder="own", fallback=False)
-    frame = vm.decode_i420(data, decoder="own")
-    assert (frame.status, frame.path) == (S.CLEAN, P.TURBO_FALLBACK)
-    assert np.array_equal(frame.buffer, vm.decode_i420(data, decoder="turbo").buffer)
-
-
 def test_read_header_and_views():
     data = corpus_frame("webcam-480p/again-01.jpg")
-    assert vm.read_header(data)[:5] == (640, 480, vm.Subsampling.S422, False,
-                                        vm.ColourSpace.YCBCR)
+    header = vm.read_header(data)
+    assert header[:5] == (640, 480, vm.Subsampling.S422, False, vm.ColourSpace.YCBCR)
+    assert (header.h_factors, header.v_factors, header.has_dht) == ((2, 1, 1), (1, 1, 1), False)
     for bad, reason in ((b"GIF89a", R.NOT_JPEG), (b"\xff\xd8\xff", R.BAD_HEADER)):
         with pytest.raises(vm.FrameRefused) as caught:
             vm.read_header(bad)
@@ -122,15 +113,10 @@ def test_buffer_types(tmp_path):
 @pytest.mark.parametrize("decoder", ["auto", "turbo"])
 def test_bad_input_raises_a_decode_error(decoder):
     frame = corpus_frame("reftest/jpg-size-33x33.jpg")
-    rng = random.Random(16)
+    # Damage itself is the C++ tests' business; here each outcome must come out as a Frame or a
+    # DecodeError with a Reason.
     cases = [b"", b"\xff", b"\xff\xd8", b"\xff\xd8\xff\xd9", b"\x00" * 100]
-    cases += [frame[:n] for n in range(0, min(len(frame), 700), 7)]
-    for _ in range(300):
-        damaged = bytearray(frame)
-        for _ in range(rng.randint(1, 8)):
-            damaged[rng.randrange(len(damaged))] = rng.randrange(256)
-        cases.append(damaged)
-    for data in cases:
+    for data in cases + [frame[:n] for n in range(0, min(len(frame), 700), 7)]:
         try:
             assert vm.decode_i420(data, decoder=decoder).status in (S.CLEAN, S.CONCEALED)
         except vm.DecodeError as error:

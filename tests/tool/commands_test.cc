@@ -346,36 +346,29 @@ long numberAfter(const std::string& text, const std::string& fragment) {
   return at == std::string::npos ? -1 : std::atol(text.c_str() + at + fragment.size());
 }
 
-// FFmpeg's 4:2:2 and 4:4:4 MJPEG, which the own decoder refuses (chroma sampled 1x2): the
-// TurboJPEG fallback decodes every frame, close to FFmpeg's own decode, from AVI, MKV and raw
-// streams. Without the fallback the own decoder refuses them all, and bench gives it no speed.
-TEST(ToolCommandTest, DecodesFFmpeg422And444ThroughTheFallback) {
+// FFmpeg's 4:2:2 MJPEG, which the own decoder refuses (chroma sampled 1x2): the TurboJPEG
+// fallback decodes every frame, close to FFmpeg's own decode. Without the fallback the own
+// decoder refuses them all, and bench gives it no speed. (Containers: the test above; other
+// layouts through the fallback: the library's tests.)
+TEST(ToolCommandTest, DecodesFFmpeg422ThroughTheFallback) {
   if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no ffmpeg here";
   const bool own = CPUInfo().supports_fast_decoder();  // else the TurboJPEG path decodes all
   TempDir dir;
-  const std::string out = dir.file("out.yuv"), reference = dir.file("reference.yuv");
-  for (const std::string pixels : {"yuvj422p", "yuvj444p"}) {
-    SCOPED_TRACE(pixels);
-    const std::string raw = dir.file(pixels + ".mjpeg");
-    const std::string make =
-        "ffmpeg -loglevel error -y -f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 12 "
-        "-c:v mjpeg -q:v 3 -pix_fmt " +
-        pixels + " -f mjpeg '" + raw + "' && ffmpeg -loglevel error -y -i '" + raw + "' -c copy '" +
-        raw + ".avi' && ffmpeg -loglevel error -y -i '" + raw + "' -c copy '" + raw +
-        ".mkv' && ffmpeg -loglevel error -y -i '" + raw +
-        "' -f rawvideo -pix_fmt yuvj420p -sws_flags area '" + reference + "'";
-    ASSERT_EQ(std::system(make.c_str()), 0) << make;
-    for (const std::string& input : {raw, raw + ".avi", raw + ".mkv"}) {
-      check({"decode", input, "-o", out}, 0, {},
-            {summary("decoded", 12), own ? summary("fallback", 12) : ""});
-      EXPECT_GE(psnr(readFile(out), readFile(reference)), 45.0) << input;
-    }
-    if (own) {
-      check({"decode", raw, "--no-fallback"}, 1, {},
-            {summary("refused", 12), "12x  unsupported sampling layout"});
-    }
+  const std::string out = dir.file("out.yuv"), reference = dir.file("reference.yuv"),
+                    raw = dir.file("yuvj422p.mjpeg");
+  const std::string make =
+      "ffmpeg -loglevel error -y -f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 12 "
+      "-c:v mjpeg -q:v 3 -pix_fmt yuvj422p -f mjpeg '" +
+      raw + "' && ffmpeg -loglevel error -y -i '" + raw +
+      "' -f rawvideo -pix_fmt yuvj420p -sws_flags area '" + reference + "'";
+  ASSERT_EQ(std::system(make.c_str()), 0) << make;
+  check({"decode", raw, "-o", out}, 0, {},
+        {summary("decoded", 12), own ? summary("fallback", 12) : ""});
+  EXPECT_GE(psnr(readFile(out), readFile(reference)), 45.0);
+  if (own) {
+    check({"decode", raw, "--no-fallback"}, 1, {},
+          {summary("refused", 12), "12x  unsupported sampling layout"});
   }
-  const std::string raw = dir.file("yuvj422p.mjpeg");
   const ToolRun alone = check(
       {"bench", raw, "--decoders", "own,libjpeg-turbo", "--time", "0", "--no-fallback"}, 1, {}, {});
   EXPECT_TRUE(has(alone.out, "\n  vidra own decoder        1          -         -  ")) << alone.out;
