@@ -1,20 +1,15 @@
 #include "tool/tool_test_support.h"
 
-#include <fcntl.h>
 #include <png.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 extern "C" {
@@ -57,7 +52,7 @@ std::string quote(const std::string& word) {
 std::string toolCommand(const std::vector<std::string>& args) {
   std::string command =
       "ASAN_OPTIONS=\"$ASAN_OPTIONS:exitcode=99\" UBSAN_OPTIONS=\"$UBSAN_OPTIONS:exitcode=99\" "
-      "exec timeout -k 5 120 " +
+      "timeout -k 5 120 " +
       quote(VIDRA_TOOL_PATH);
   for (const std::string& arg : args) command += " " + quote(arg);
   return command;
@@ -88,93 +83,37 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& stdin_p
 }
 
 ToolProcess::ToolProcess(const std::vector<std::string>& args) {
-  // A tool that exits early must not take the test down with SIGPIPE.
-  signal(SIGPIPE, SIG_IGN);
-  int in[2], out[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-  const std::string command = toolCommand(args) + " 2>" + quote(scratch_.file("err"));
-  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  const int failed =
-      posix_spawn(&pid_, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(in[0]);
-  close(out[1]);
-  in_ = in[1];
-  out_fd_ = out[0];
-  fcntl(in_, F_SETFL, O_NONBLOCK);
-  fcntl(out_fd_, F_SETFL, O_NONBLOCK);
-  if (failed != 0) {
-    pid_ = -1;
-    throw std::runtime_error("cannot start the tool");
-  }
+  signal(SIGPIPE, SIG_IGN);  // a tool that exits early must not take the test down
+  // `cat` writes the output to its file as it comes; the tool's exit code goes to a file too.
+  const std::string command = "{ " + toolCommand(args) + " 2>" + quote(scratch_.file("err")) +
+                              "; echo $? >" + quote(scratch_.file("code")) + "; } | cat >" +
+                              quote(scratch_.file("out"));
+  in_ = popen(command.c_str(), "w");
+  if (in_ == nullptr) throw std::runtime_error("cannot start the tool");
 }
 
-ToolProcess::~ToolProcess() {
-  if (in_ >= 0) close(in_);
-  if (out_fd_ >= 0) close(out_fd_);
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);  // `timeout` passes it on to the tool
-    int status;
-    waitpid(pid_, &status, 0);
-  }
+bool ToolProcess::send(const std::vector<uint8_t>& data) {
+  return in_ != nullptr && std::fwrite(data.data(), 1, data.size(), in_) == data.size() &&
+         std::fflush(in_) == 0;
 }
 
-bool ToolProcess::pump(const uint8_t* data, size_t size, size_t want, int timeout_ms) {
+std::string ToolProcess::output(size_t bytes, int timeout_ms) const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (size > 0 || out_.size() < want) {
-    pollfd fds[2];
-    int n = 0;
-    if (size > 0 && in_ >= 0) fds[n++] = {in_, POLLOUT, 0};
-    if (out_fd_ >= 0) fds[n++] = {out_fd_, POLLIN, 0};
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (n == 0 || left <= 0) return false;
-    if (poll(fds, n, static_cast<int>(left)) < 0 && errno != EINTR) return false;
-    for (int i = 0; i < n; ++i) {
-      if (fds[i].revents == 0) continue;
-      if (fds[i].fd == in_) {
-        const ssize_t wrote = write(in_, data, size);
-        if (wrote < 0 && errno != EAGAIN && errno != EINTR) return false;  // the tool is gone
-        if (wrote > 0) {
-          data += wrote;
-          size -= static_cast<size_t>(wrote);
-        }
-      } else {
-        char chunk[1 << 16];
-        const ssize_t got = read(out_fd_, chunk, sizeof(chunk));
-        if (got > 0) out_.append(chunk, static_cast<size_t>(got));
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-          close(out_fd_);
-          out_fd_ = -1;
-        }
-      }
-    }
+  std::string out = slurp(scratch_.file("out"));
+  for (; out.size() < bytes && std::chrono::steady_clock::now() < deadline;
+       out = slurp(scratch_.file("out"))) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return true;
-}
-
-bool ToolProcess::send(const std::vector<uint8_t>& data, int timeout_ms) {
-  return pump(data.data(), data.size(), 0, timeout_ms);
-}
-
-bool ToolProcess::receive(size_t bytes, int timeout_ms) {
-  return pump(nullptr, 0, bytes, timeout_ms);
+  return out;
 }
 
 ToolRun ToolProcess::finish() {
-  if (in_ >= 0) close(in_);
-  in_ = -1;
-  pump(nullptr, 0, std::string::npos, 130000);  // to the end of the output
+  if (in_ != nullptr) pclose(in_);
+  in_ = nullptr;
   ToolRun run;
-  int status = 0;
-  if (pid_ > 0 && waitpid(pid_, &status, 0) == pid_) run.code = exitCode(status);
-  pid_ = -1;
-  run.out = out_;
+  const std::string code = slurp(scratch_.file("code"));
+  run.code = code.empty() ? -1 : std::stoi(code);
+  run.out = slurp(scratch_.file("out"));
   run.err = slurp(scratch_.file("err"));
   return run;
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -47,35 +48,28 @@ struct ToolRun {
 // is stopped after two minutes (exit code 124 or 137).
 ToolRun runTool(const std::vector<std::string>& args, const std::string& stdin_path = "");
 
-// The vidra-mjpeg binary running with pipes on its standard input and output, for tests that
-// feed it a stream bit by bit. Its stderr goes to a file; it is killed if still running at the
-// end of the test. The pipes' ends here don't block: send() and receive() read the tool's
-// output while they wait, so a full pipe in one direction can't stall the other.
+// The vidra-mjpeg binary reading a pipe, as from a live source. Its standard output, a pipe as
+// well (so that the tool flushes every frame), and its messages are collected in files while it
+// runs; a tool that hangs is stopped after two minutes, as by runTool.
 class ToolProcess {
  public:
   explicit ToolProcess(const std::vector<std::string>& args);
-  ~ToolProcess();
+  ~ToolProcess() {
+    if (in_ != nullptr) pclose(in_);
+  }
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
 
-  // Writes `data` to the tool's standard input. False when it took more than `timeout_ms`
-  // or the tool stopped reading.
-  bool send(const std::vector<uint8_t>& data, int timeout_ms);
-  // Collects the tool's output until it holds `bytes` bytes; false after `timeout_ms`, or when
-  // the output ended before.
-  bool receive(size_t bytes, int timeout_ms);
-  // Closes the tool's standard input, collects the rest of its output and waits for it to exit
-  // (two minutes at most, as runTool).
+  // Writes `data` to the tool's standard input; false when the tool stopped reading.
+  bool send(const std::vector<uint8_t>& data);
+  // The tool's output so far, once it holds `bytes` bytes or `timeout_ms` have passed.
+  std::string output(size_t bytes, int timeout_ms) const;
+  // Closes the tool's standard input and waits for it to exit.
   ToolRun finish();
-  const std::string& out() const { return out_; }
 
  private:
-  // Moves data both ways until `data` is written and the output holds `want` bytes.
-  bool pump(const uint8_t* data, size_t size, size_t want, int timeout_ms);
-
-  int pid_ = -1, in_ = -1, out_fd_ = -1;
-  std::string out_;
   TempDir scratch_;
+  FILE* in_ = nullptr;
 };
 
 // Passes when `text` contains `fragment`; a failure shows the whole text.
