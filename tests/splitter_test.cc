@@ -1,6 +1,6 @@
-// The stream splitter (vidra/splitter.h, vidra/splitter_c.h): where it cuts, that frames and junk
-// cover every byte, that a cut it calls final stays so, and that its three forms (a whole buffer,
-// a growing buffer, bytes fed in pieces) and the C interface cut alike.
+// The stream splitter (vidra/splitter.h): where it cuts, that frames and junk cover every byte,
+// that a cut it calls final stays so, and that its three forms (a whole buffer, a growing buffer,
+// bytes fed in pieces) cut alike. The C interface: tests/c/splitter_c_test.c.
 
 #include "vidra/splitter.h"
 
@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "support/test_support.h"
-#include "vidra/splitter_c.h"
 
 namespace vidra {
 namespace test {
@@ -257,47 +256,6 @@ TEST(SplitterTest, CutsBytesFedInPiecesAsTheWholeBuffer) {
   ASSERT_TRUE(open.next(&f));
   EXPECT_EQ(f.size, limit);
   EXPECT_TRUE(f.cut_short);
-}
-
-// The C interface cuts as the C++ one: findFrame's three answers, and a stream fed in pieces.
-TEST(SplitterTest, CInterfaceCutsAsTheCppOne) {
-  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes data = concatFrames({{0x12, 0x34, 0x56}, a, {0xFF}});
-  vidra_mjpeg_split_frame f;
-  EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), 3, 0, &f), VIDRA_MJPEG_SPLIT_NO_FRAME);
-  EXPECT_EQ(f.junk_before, 1u);  // two bytes may begin an SOI
-  EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), 3, 1, &f), VIDRA_MJPEG_SPLIT_NO_FRAME);
-  EXPECT_EQ(f.junk_before, 3u);
-  EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), 100, 0, &f), VIDRA_MJPEG_SPLIT_NEED_MORE);
-  EXPECT_EQ(f.offset, 3u);
-  EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), 100, 1, &f), VIDRA_MJPEG_SPLIT_FRAME);
-  EXPECT_EQ(f.size, 97u);
-  EXPECT_EQ(f.cut_short, 1);
-  EXPECT_EQ(vidra_mjpeg_splitter_find(data.data(), data.size(), 0, &f), VIDRA_MJPEG_SPLIT_FRAME);
-  EXPECT_EQ(f.size, a.size());
-  EXPECT_EQ(f.cut_short, 0);
-  EXPECT_EQ(vidra_mjpeg_splitter_find(nullptr, 0, 1, nullptr), VIDRA_MJPEG_SPLIT_NO_FRAME);
-
-  const Bytes stream = streamsCutByLaterBytes()[0];
-  size_t trailing;
-  const std::vector<Row> expected = split(stream, &trailing);
-  vidra_mjpeg_splitter* s = vidra_mjpeg_splitter_new(0);
-  ASSERT_NE(s, nullptr);
-  std::vector<Row> rows;
-  for (size_t at = 0; at <= stream.size(); at += 7) {
-    const size_t n = std::min<size_t>(7, stream.size() - std::min(at, stream.size()));
-    ASSERT_EQ(vidra_mjpeg_splitter_feed(s, stream.data() + at, n), 1);
-    if (n < 7) vidra_mjpeg_splitter_finish(s);
-    const uint8_t* frame = nullptr;
-    while (vidra_mjpeg_splitter_next(s, &frame, &f)) {
-      rows.push_back(
-          {size_t(f.offset), size_t(f.size), size_t(f.junk_before), size_t(f.cut_short)});
-      EXPECT_EQ(frame[0], 0xFF);
-    }
-  }
-  EXPECT_EQ(rows, expected);
-  EXPECT_EQ(vidra_mjpeg_splitter_pending_junk(s), trailing);
-  vidra_mjpeg_splitter_free(s);
 }
 
 }  // namespace

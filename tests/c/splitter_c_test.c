@@ -1,5 +1,6 @@
 /* The splitter's C interface, compiled as C11: a stream of two frames, junk and a frame cut
- * short, cut by vidra_mjpeg_splitter_find() and by a splitter fed one byte at a time.
+ * short, cut by vidra_mjpeg_splitter_find() and by a splitter fed one byte at a time, as the
+ * C++ splitter that it wraps cuts it.
  * Prints "N passed, N failed" and exits 1 on a failure. */
 #include "vidra/splitter_c.h"
 
@@ -16,7 +17,12 @@ static const uint64_t kFrames[3][4] = {{2, 16, 2, 0}, {19, 16, 1, 0}, {35, 14, 0
 
 int main(void) {
   vidra_mjpeg_split_frame f;
-  CHECK(vidra_mjpeg_splitter_find(kStream, 1, 0, &f) == VIDRA_MJPEG_SPLIT_NO_FRAME);
+  /* Two bytes may begin an SOI until the input ends; a null frame finds nothing. */
+  CHECK(vidra_mjpeg_splitter_find(kStream, 2, 0, &f) == VIDRA_MJPEG_SPLIT_NO_FRAME &&
+        f.junk_before == 0);
+  CHECK(vidra_mjpeg_splitter_find(kStream, 2, 1, &f) == VIDRA_MJPEG_SPLIT_NO_FRAME &&
+        f.junk_before == 2);
+  CHECK(vidra_mjpeg_splitter_find(NULL, 0, 1, NULL) == VIDRA_MJPEG_SPLIT_NO_FRAME);
   CHECK(vidra_mjpeg_splitter_find(kStream, 10, 0, &f) == VIDRA_MJPEG_SPLIT_NEED_MORE);
   CHECK(f.offset == 2);
   /* Frame by frame, each call on what is left behind the last frame. */
@@ -45,6 +51,14 @@ int main(void) {
   }
   CHECK(count == 3);
   CHECK(vidra_mjpeg_splitter_total_junk(splitter) == 3);
+  CHECK(vidra_mjpeg_splitter_pending_junk(splitter) == 0);
+  vidra_mjpeg_splitter_free(splitter);
+  /* Junk alone: no frame, and all of it pending once the input ends. */
+  splitter = vidra_mjpeg_splitter_new(0);
+  CHECK(vidra_mjpeg_splitter_feed(splitter, kStream, 2) == 1);
+  vidra_mjpeg_splitter_finish(splitter);
+  CHECK(!vidra_mjpeg_splitter_next(splitter, &data, &f));
+  CHECK(vidra_mjpeg_splitter_pending_junk(splitter) == 2);
   vidra_mjpeg_splitter_free(splitter);
   printf("%d passed, %d failed\n", passed, failed);
   return failed ? 1 : 0;
