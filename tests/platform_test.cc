@@ -1,11 +1,11 @@
-// The logging and CPU probe layers.
+// The logging and CPU probe layers. (The check macros' lines: the decoder's tests that pin them,
+// in conceal_test, entropy_test, parse_test and report_test.)
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <tuple>
 
-#include "jpeg_check.h"
 #include "support/test_support.h"
 #include "vidra/cpu_info.h"
 #include "vidra/log.h"
@@ -69,41 +69,6 @@ TEST(LoggingTest, SinkIfUnsetKeepsTheHostsSink) {
   EXPECT_TRUE(setLogSinkIfUnset(quiet, nullptr));  // the capture restored stderr
   EXPECT_FALSE(setLogSinkIfUnset(quiet, nullptr));
   setLogSink(nullptr, nullptr);
-}
-
-int g_check_line = 0;
-bool failingParser(int value) {
-  g_check_line = __LINE__ + 1;
-  JPEG_CHECK(value < 4);
-  return true;
-}
-
-TEST(CheckTest, JpegCheckLogsLineAndTextWhenEnabled) {
-  {
-    LogCapture quiet(/*mjpeg_level=*/1);
-    EXPECT_FALSE(failingParser(9));
-    EXPECT_TRUE(quiet.lines().empty());
-  }
-  LogCapture capture;
-  EXPECT_TRUE(failingParser(3));
-  EXPECT_FALSE(failingParser(4));
-  ASSERT_EQ(capture.jpegChecks(), (std::vector<std::string>{"value < 4"}));
-  const std::string& text = capture.lines()[0].text;
-  EXPECT_EQ(text.substr(0, text.find(':')), std::to_string(g_check_line));
-}
-
-TEST(CheckTest, ComparisonAndPlainChecksGoOn) {
-  LogCapture capture;
-  int w = 20;
-  VIDRA_CHECK_LE(w, 16);
-  int* consumed_length = nullptr;
-  VIDRA_CHECK(consumed_length);
-  w = 16;
-  VIDRA_CHECK_LE(w, 16);
-  EXPECT_EQ(capture.texts(1, "check"),
-            (std::vector<std::string>{"Check failed: w <= 16 (20 vs. 16) ",
-                                      "Check failed consumed_length "}));
-  EXPECT_EQ(capture.lines().size(), 2u);
 }
 
 TEST(CpuInfoTest, MaskHidesFeatures) {
