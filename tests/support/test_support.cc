@@ -130,29 +130,11 @@ std::vector<uint8_t> encodeTestFrame(int width, int height, int subsampling, int
   jpeg_set_defaults(&cinfo);
   jpeg_set_quality(&cinfo, quality, TRUE);
   if (!gray) {
-    int h = 1, v = 1;
-    switch (subsampling) {
-      case TJSAMP_422:
-        h = 2;
-        break;
-      case TJSAMP_420:
-        h = 2;
-        v = 2;
-        break;
-      case TJSAMP_440:
-        v = 2;
-        break;
-      case TJSAMP_411:
-        h = 4;
-        break;
-      default:
-        break;
-    }
-    cinfo.comp_info[0].h_samp_factor = h;
-    cinfo.comp_info[0].v_samp_factor = v;
-    for (int c = 1; c < 3; ++c) {
-      cinfo.comp_info[c].h_samp_factor = 1;
-      cinfo.comp_info[c].v_samp_factor = 1;
+    // Luma's factors for TJSAMP_444, _422, _420, (_GRAY), _440 and _411; chroma's are 1x1.
+    static const int kLuma[][2] = {{1, 1}, {2, 1}, {2, 2}, {1, 1}, {1, 2}, {4, 1}};
+    for (int c = 0; c < 3; ++c) {
+      cinfo.comp_info[c].h_samp_factor = c == 0 ? kLuma[subsampling][0] : 1;
+      cinfo.comp_info[c].v_samp_factor = c == 0 ? kLuma[subsampling][1] : 1;
     }
   }
   cinfo.restart_in_rows = restart_rows;
