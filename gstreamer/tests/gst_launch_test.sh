@@ -6,7 +6,7 @@ set -euo pipefail
 streams=$1
 corpus=$2
 if [ ! -f "$streams/webcam-480p.avi" ]; then
-  echo "streams absent (no corpus, ffmpeg or cjpeg): skipped"
+  echo "streams absent (no corpus or ffmpeg): skipped"
   exit 77
 fi
 unset GST_DEBUG

@@ -1,22 +1,18 @@
 #!/usr/bin/env bash
-# Makes the frames and streams that the GStreamer tests and the benchmark decode, from corpus
-# frames:
+# Makes the frames and streams that the GStreamer tests decode, from corpus frames:
 #   make_streams.sh CORPUS_DIR OUT_DIR
-# Without the corpus, ffmpeg or cjpeg it says so and makes nothing; tests that need a missing
-# file skip.
+# Without the corpus or ffmpeg it says so and makes nothing; tests that need a missing file skip.
 set -euo pipefail
 corpus=$1
 out=$2
-if [ ! -d "$corpus/webcam-480p" ] || [ ! -d "$corpus/webcam-720p" ]; then
+if [ ! -d "$corpus/webcam-480p" ]; then
   echo "corpus absent ($corpus): no streams made"
   exit 0
 fi
-for tool in ffmpeg cjpeg; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "$tool missing: no streams made"
-    exit 0
-  fi
-done
+if ! command -v ffmpeg >/dev/null; then
+  echo "ffmpeg missing: no streams made"
+  exit 0
+fi
 mkdir -p "$out"
 ff() { ffmpeg -nostdin -v error -y "$@"; }
 frame="$corpus/webcam-480p/again-00.jpg"
@@ -25,10 +21,6 @@ frame="$corpus/webcam-480p/again-00.jpg"
 ff -i "$frame" -vf scale=641:481 -pix_fmt yuvj420p -q:v 3 "$out/odd-641x481.jpg"
 # FFmpeg's 4:2:2 (luma 2x2, chroma 1x2): only the TurboJPEG path takes it.
 ff -i "$frame" -pix_fmt yuvj422p -q:v 3 "$out/ffmpeg-422.jpg"
-# 4:2:0 as libjpeg writes it.
-ff -i "$frame" "$out/frame.ppm"
-cjpeg -sample 2x2 -quality 85 "$out/frame.ppm" >"$out/cjpeg-420.jpg"
-rm "$out/frame.ppm"
 
 # A header that claims 65535 x 65535 for a frame of 288 bytes.
 tiny="$corpus/reftest/jpg-size-1x1.jpg"
@@ -38,9 +30,7 @@ if [ -f "$tiny" ]; then
   printf '\xFF\xFF\xFF\xFF' | dd of="$out/huge-header.jpg" bs=1 seek=$((sof + 5)) conv=notrunc status=none
 fi
 
-# Raw MJPEG streams (frames back to back) and an AVI of the 480p frames.
-for size in 480p 720p; do
-  cat "$corpus/webcam-$size"/*.jpg >"$out/webcam-$size.mjpeg"
-done
+# A raw MJPEG stream (frames back to back) and an AVI of the 480p frames.
+cat "$corpus/webcam-480p"/*.jpg >"$out/webcam-480p.mjpeg"
 ff -f mjpeg -framerate 30 -i "$out/webcam-480p.mjpeg" -c:v copy "$out/webcam-480p.avi"
 echo "streams made in $out"
