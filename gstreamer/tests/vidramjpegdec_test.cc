@@ -279,42 +279,38 @@ TEST_P(Outcomes, FollowTheLibrarysReport) {
   EXPECT_EQ(harness.count(GST_MESSAGE_ERROR), c.errors);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Frames, Outcomes,
-    testing::Values(
-        OutcomeCase{"Clean", "webcam-480p/again-01.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
-        OutcomeCase{"InputFlagged", "webcam-480p/again-01.jpg", "", false, true, GST_FLOW_OK, "", 0,
-                    0},
-        // No chroma from the library: neutral chroma.
-        OutcomeCase{"Tiny1x1", "reftest/jpg-size-1x1.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
-        // The own decoder refuses these (chroma 1x2, grey): the fallback decodes them.
-        OutcomeCase{"Fallback", "streams/ffmpeg-422.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
-        OutcomeCase{"FallbackGray", "reftest/jpg-gray.jpg", "", false, false, GST_FLOW_OK, "", 0,
-                    0},
-        OutcomeCase{"NoFallback", "streams/ffmpeg-422.jpg", "fallback=false", true, false,
-                    GST_FLOW_OK, nullptr, 1, 0},
-        OutcomeCase{"Concealed", kConcealed, "", true, false, GST_FLOW_OK, "concealed", 0, 0},
-        // decoder=own conceals also where the automatic choice is TurboJPEG (aarch64, no SSE4.1,
-        // VIDRA_CPU_MASK=nosimd); decoder=turbo conceals nothing: TurboJPEG refuses the frame.
-        OutcomeCase{"ConcealedDecoderOwn", kConcealed, "decoder=own", false, false, GST_FLOW_OK,
-                    "concealed", 0, 0},
-        OutcomeCase{"DecoderTurbo", kConcealed, "decoder=turbo", false, false, GST_FLOW_OK, nullptr,
-                    1, 0},
-        OutcomeCase{"ConcealedDiscarded", kConcealed, "discard-corrupted-frames=true", true, false,
-                    GST_FLOW_OK, nullptr, 0, 0},
-        OutcomeCase{"Failed", kFailed, "", true, false, GST_FLOW_OK, nullptr, 1, 0},
-        OutcomeCase{"FailedNoErrorsAllowed", kFailed, "max-errors=0", true, false, GST_FLOW_ERROR,
-                    nullptr, 1, 1},
-        OutcomeCase{"FailedSentOn", kFailed, "output-failed=true", true, false, GST_FLOW_OK,
-                    "failed", 0, 0},
-        OutcomeCase{"Refused", kRefused, "output-failed=true", false, false, GST_FLOW_OK, nullptr,
-                    1, 0},
-        OutcomeCase{"RefusedNoErrorsAllowed", kRefused, "max-errors=0", false, false,
-                    GST_FLOW_ERROR, nullptr, 1, 1},
-        // Refused before anything of that size is negotiated or allocated.
-        OutcomeCase{"HeaderClaims65535x65535", "streams/huge-header.jpg", "", false, false,
-                    GST_FLOW_OK, nullptr, 1, 0}),
-    [](const testing::TestParamInfo<OutcomeCase>& info) { return std::string(info.param.name); });
+const OutcomeCase kOutcomes[] = {
+    {"Clean", "webcam-480p/again-01.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+    {"InputFlagged", "webcam-480p/again-01.jpg", "", false, true, GST_FLOW_OK, "", 0, 0},
+    // No chroma from the library: neutral chroma.
+    {"Tiny1x1", "reftest/jpg-size-1x1.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+    // The own decoder refuses these (chroma 1x2, grey): the fallback decodes them.
+    {"Fallback", "streams/ffmpeg-422.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+    {"FallbackGray", "reftest/jpg-gray.jpg", "", false, false, GST_FLOW_OK, "", 0, 0},
+    {"NoFallback", "streams/ffmpeg-422.jpg", "fallback=false", true, false, GST_FLOW_OK, nullptr, 1,
+     0},
+    {"Concealed", kConcealed, "", true, false, GST_FLOW_OK, "concealed", 0, 0},
+    // decoder=own conceals also where the automatic choice is TurboJPEG (aarch64, no SSE4.1,
+    // VIDRA_CPU_MASK=nosimd); decoder=turbo conceals nothing: TurboJPEG refuses the frame.
+    {"ConcealedDecoderOwn", kConcealed, "decoder=own", false, false, GST_FLOW_OK, "concealed", 0,
+     0},
+    {"DecoderTurbo", kConcealed, "decoder=turbo", false, false, GST_FLOW_OK, nullptr, 1, 0},
+    {"ConcealedDiscarded", kConcealed, "discard-corrupted-frames=true", true, false, GST_FLOW_OK,
+     nullptr, 0, 0},
+    {"Failed", kFailed, "", true, false, GST_FLOW_OK, nullptr, 1, 0},
+    {"FailedNoErrorsAllowed", kFailed, "max-errors=0", true, false, GST_FLOW_ERROR, nullptr, 1, 1},
+    {"FailedSentOn", kFailed, "output-failed=true", true, false, GST_FLOW_OK, "failed", 0, 0},
+    {"Refused", kRefused, "output-failed=true", false, false, GST_FLOW_OK, nullptr, 1, 0},
+    {"RefusedNoErrorsAllowed", kRefused, "max-errors=0", false, false, GST_FLOW_ERROR, nullptr, 1,
+     1},
+    // Refused before anything of that size is negotiated or allocated.
+    {"HeaderClaims65535x65535", "streams/huge-header.jpg", "", false, false, GST_FLOW_OK, nullptr,
+     1, 0},
+};
+INSTANTIATE_TEST_SUITE_P(Frames, Outcomes, testing::ValuesIn(kOutcomes),
+                         [](const testing::TestParamInfo<OutcomeCase>& info) {
+                           return std::string(info.param.name);
+                         });
 
 // ---- Streams -------------------------------------------------------------------------------
 
