@@ -93,7 +93,8 @@ ToolProcess::ToolProcess(const std::vector<std::string>& args) {
 }
 
 bool ToolProcess::send(const std::vector<uint8_t>& data) {
-  return in_ != nullptr && std::fwrite(data.data(), 1, data.size(), in_) == data.size() &&
+  return in_ != nullptr &&
+         (data.empty() || std::fwrite(data.data(), 1, data.size(), in_) == data.size()) &&
          std::fflush(in_) == 0;
 }
 
