@@ -1,6 +1,5 @@
-// The entropy data driver: segments, stuffing, restart markers, spans and the bookkeeping of
-// good and bad MCUs, with a stand-in kernel (through the function table) that records what
-// each call was given.
+// The entropy data driver: segments, stuffing, restart markers, spans and the bookkeeping of good
+// and bad MCUs, with a stand-in kernel (through the function table) recording each call.
 
 #include <gtest/gtest.h>
 
@@ -25,10 +24,9 @@ using Span = std::array<uint32_t, 3>;  // mcu_x_, mcu_y_, mcu_count_
 std::vector<Bytes> g_segments;  // the bytes each kernel call got in front of the sentinel
 std::vector<Span> g_spans;
 
-// Fails a span whose segment is empty (as the real kernel does: the sentinel matches no code)
-// or starts with 0xEE, which stands for damage. Eight 0xFF bytes must close every segment, with
-// the readable end right behind them.
-int standInKernel(int16_t*, MCUSpanContext* context, const MCURowSplit*) {
+// Fails a span whose segment is empty (as the real kernel does: the sentinel matches no code) or
+// starts with 0xEE, standing for damage. Eight 0xFF bytes must close every segment, at the end.
+int standInKernel(int16_t*, MCUSpanContext* context, const MCURowSplit*, const MCUWideLevels*) {
   const size_t total = static_cast<size_t>(context->dest_ - context->data_);
   g_spans.push_back({context->mcu_x_, context->mcu_y_, context->mcu_count_});
   g_segments.emplace_back();

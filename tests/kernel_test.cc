@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -18,6 +20,7 @@
 #include "mcu_kernel.h"
 #include "mcu_kernel_impl.h"
 #include "mjpeg.h"
+#include "wide_level.h"
 
 namespace vidra {
 namespace jpeg {
@@ -119,12 +122,12 @@ class KernelTest : public ::testing::Test {
     return b;
   }
 
-  // Runs the kernel over `segment` followed by exactly eight 0xFF bytes; the buffer ends there,
-  // so AddressSanitizer sees any read behind it. The predictors start out as garbage, which
-  // the kernel must clear.
+  // Runs the kernel over `segment` followed by exactly eight 0xFF bytes, where the buffer ends
+  // (AddressSanitizer sees any read behind it). The predictors start as garbage, which the kernel
+  // must clear. The kernel reads the wide levels of the blocks' tables, or `levels` where given.
   int run(const std::vector<uint8_t>& segment, const std::vector<MCUBlock>& blocks,
           uint32_t mcu_count = 1, uint32_t mcus_per_row = 16, uint32_t mcu_x = 0,
-          uint32_t mcu_y = 0) {
+          uint32_t mcu_y = 0, const MCUWideLevels* levels = nullptr) {
     handed_.clear();
     buffer_ = segment;
     buffer_.insert(buffer_.end(), 8, 0xFF);
@@ -139,7 +142,9 @@ class KernelTest : public ::testing::Test {
     context_.mcu_x_ = mcu_x;
     context_.mcu_y_ = mcu_y;
     std::memset(context_.dc_pred_, 0x55, sizeof(context_.dc_pred_));
-    return decodeSpan<RecordingReconstruction>(coefficients_, &context_);
+    wide_.build(blocks_.data(), blocks_.size());
+    return decodeSpan<RecordingReconstruction>(coefficients_, &context_, nullptr,
+                                               levels != nullptr ? levels : wide_.levels());
   }
 
   static constexpr int kStride = 128;
@@ -148,6 +153,7 @@ class KernelTest : public ::testing::Test {
   alignas(16) int16_t coefficients_[64];
   std::vector<uint8_t> plane_ = std::vector<uint8_t>(kStride * 64, 0);
   std::vector<uint8_t> buffer_;
+  WideLevels wide_;
   std::vector<MCUBlock> blocks_;
   MCUSpanContext context_;
   std::vector<Handed>& handed_ = RecordingReconstruction::blocks;
@@ -271,7 +277,57 @@ TEST_F(KernelTest, AllOnesCodeStopsAtTheBufferEnd) {
   // A buffer that ends before the first eight bytes fails at once.
   run({0x28}, {block(0)});
   context_.dest_ = buffer_.data() + 7;
-  EXPECT_EQ(decodeSpan<RecordingReconstruction>(coefficients_, &context_), 0);
+  EXPECT_EQ(decodeSpan<RecordingReconstruction>(coefficients_, &context_, nullptr, wide_.levels()),
+            0);
+}
+
+// A wide level may only hold what the table decodes in its index bits: for every index, a wide
+// whole entry gives the value, run and length that the table's entry gives on those bits, an end
+// of block stands where the table has one (AC only), and a table's whole entry is never left to
+// the slow path. Default tables, then random code lists, overfull ones (codes that collide) and
+// ones of long codes included.
+TEST_F(KernelTest, WideLevelsDecodeAsTheirTables) {
+  std::mt19937 rng(11);
+  for (int round = 0; round < 60; ++round) {
+    if (round > 0) {
+      std::vector<uint8_t> payload;
+      for (const uint8_t table : {0x00, 0x10}) {
+        std::vector<uint8_t> counts(16);
+        for (size_t length = 0; length < 16; ++length) {
+          counts[length] = static_cast<uint8_t>(rng() % (round % 3 == 0 ? 9 : 4));
+        }
+        if (round % 5 == 0) std::fill(counts.begin(), counts.begin() + 8, 0);  // long codes
+        payload.push_back(table);
+        payload.insert(payload.end(), counts.begin(), counts.end());
+        for (uint8_t count : counts)
+          for (int j = 0; j < count; ++j) payload.push_back(static_cast<uint8_t>(rng()));
+      }
+      loadTables(payload);
+    }
+    for (const bool is_ac : {false, true}) {
+      SCOPED_TRACE(std::to_string(round) + (is_ac ? " AC" : " DC"));
+      const uint32_t* table =
+          (is_ac ? decoder_.ac_huffman_tables_ : decoder_.dc_huffman_tables_)[0]->entries_.data();
+      const unsigned bits = is_ac ? kWideACIndexBits : kWideDCIndexBits;
+      std::vector<uint32_t> wide(size_t{1} << bits);
+      buildWideLevel(table, is_ac, wide.data());
+      for (uint32_t index = 0; index < wide.size(); ++index) {
+        const uint32_t entry = table[index >> 1], level = wide[index];
+        if (level >= kWholeEntry) {
+          ASSERT_TRUE(entry >= kFetchEntry && !(is_ac && isEndOfBlock(entry))) << index;
+          unsigned consumed = 0;
+          const int32_t value = takeEntry(entry, uint64_t{index} << (64 - bits), &consumed);
+          ASSERT_EQ(std::make_tuple(entryValue(level), wideRun(level), wideLength(level)),
+                    std::make_tuple(value, entryRun(entry), consumed))
+              << index;
+        } else if (level != 0) {
+          ASSERT_TRUE(is_ac && isEndOfBlock(level) && level == entry) << index;
+        } else {
+          ASSERT_FALSE(entry >= kWholeEntry || (is_ac && isEndOfBlock(entry))) << index;
+        }
+      }
+    }
+  }
 }
 
 // ---- Reconstruction --------------------------------------------------------------------------

@@ -15,6 +15,15 @@
 //
 // `length` and `eob_length` count the bits to consume at the entry's own level.
 //
+// Wide levels (wide_level.h). The kernel's common path reads a first level one bit wider than
+// the table's own, made from it: 10 index bits for AC tables, 9 for DC. It holds only what the
+// kernel finishes at once, in entries of their own layout:
+//
+//   wide whole  11 0 value:13 run:8 length:8   as a whole entry, but with the length in the low
+//                                              byte: the kernel shifts by the entry itself
+//   EOB         as above                       AC levels only
+//   0                                          the kernel looks the table itself up
+//
 // Everything here has internal linkage: the kernel is built once per instruction set, and an
 // inline definition shared between those files could let the linker keep a copy with newer
 // instructions for all of them.
@@ -33,6 +42,8 @@ constexpr uint32_t kLinkEntry = 0x40000000u;        // .. 0x7FFFFFFF; below: emp
 
 constexpr unsigned kDCIndexBits = 8;
 constexpr unsigned kACIndexBits = 9;
+constexpr unsigned kWideDCIndexBits = kDCIndexBits + 1;
+constexpr unsigned kWideACIndexBits = kACIndexBits + 1;
 
 // EXTEND of ITU T.81 F.2.2.1: `raw` holds `size` value bits (0..15); values below half the
 // range are negative. Size 0 gives 0.
@@ -54,6 +65,10 @@ inline uint32_t linkEntry(unsigned level_bits, unsigned sub_bits, uint32_t sub_o
   return kLinkEntry | level_bits << 20 | sub_bits << 16 | (sub_offset & 0xFFFF);
 }
 
+inline uint32_t wideWholeEntry(unsigned length, unsigned run, int32_t value) {
+  return kWholeEntry | run << 8 | length | (static_cast<uint32_t>(value) & 0x1FFF) << 16;
+}
+
 // Reading entries.
 inline unsigned entryLength(uint32_t entry) { return (entry >> 8) & 0xFF; }
 inline unsigned entryRun(uint32_t entry) { return entry & 0xFF; }
@@ -65,6 +80,9 @@ inline bool isEndOfBlock(uint32_t entry) { return (entry >> 29) == (kEndOfBlockE
 inline unsigned endOfBlockLength(uint32_t entry) { return entry & 0xFF; }
 inline unsigned linkOffset(uint32_t entry) { return entry & 0xFFFF; }
 inline unsigned linkBits(uint32_t entry) { return (entry >> 16) & 15; }
+// A wide whole entry's fields; its value is read with entryValue().
+inline unsigned wideLength(uint32_t entry) { return entry & 0xFF; }
+inline unsigned wideRun(uint32_t entry) { return (entry >> 8) & 0xFF; }
 
 }  // namespace
 }  // namespace jpeg

@@ -15,6 +15,7 @@
 
 struct MCUSpanContext;
 struct MCURowSplit;
+struct MCUWideLevels;
 
 namespace vidra {
 namespace jpeg {
@@ -31,9 +32,10 @@ using Interpolate16Fn = void (*)(uint8_t*, int, int, const uint8_t*, const uint8
 // position_mask shows can only hold zeros.
 using ReconstructFn = void (*)(const int16_t*, uint8_t, uint8_t, uint8_t*, int);
 
-// The MCU kernel with one form of reconstruction built in: (coefficients, context, split), as
-// decode_mcu_span_sse2_64 with a row split (null: none).
-using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*, const MCURowSplit*);
+// The MCU kernel with one form of reconstruction built in: (coefficients, context, split, wide),
+// as decode_mcu_span_sse2_64 with a row split (null: none) and the wide levels of the context's
+// tables (not null).
+using DecodeSpanFn = int (*)(int16_t*, MCUSpanContext*, const MCURowSplit*, const MCUWideLevels*);
 
 struct DSPFunctions {
   PlaneFn resample444To420;
@@ -71,7 +73,8 @@ void interpolateRange16_c(uint8_t* dest, int h, int stride, const uint8_t* top,
                           const uint8_t* bottom);
 void reconstructBlock_c(const int16_t* coefficients, uint8_t position_mask, uint8_t last_position,
                         uint8_t* dest, int stride);
-int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+int decodeMCUSpan_c(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                    const MCUWideLevels* wide);
 
 #if defined(__x86_64__)
 // Vector forms, compiled with -mssse3 -msse4.1; call only where initDSPx86() allows them.
@@ -83,14 +86,16 @@ void interpolateRange16_sse41(uint8_t* dest, int h, int stride, const uint8_t* t
                               const uint8_t* bottom);
 void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
                             uint8_t last_position, uint8_t* dest, int stride);
-int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                        const MCUWideLevels* wide);
 
 // Compiled with -mavx2 -mbmi -mbmi2.
 void resample444To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                            int width, int height);
 void resample422To420_avx2(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                            int width, int height);
-int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                       const MCUWideLevels* wide);
 #endif
 
 #if defined(__aarch64__)
@@ -103,7 +108,8 @@ void interpolateRange16_neon(uint8_t* dest, int h, int stride, const uint8_t* to
                              const uint8_t* bottom);
 void reconstructBlock_neon(const int16_t* coefficients, uint8_t position_mask,
                            uint8_t last_position, uint8_t* dest, int stride);
-int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split);
+int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                       const MCUWideLevels* wide);
 #endif
 
 }  // namespace jpeg

@@ -1,9 +1,8 @@
-// The entropy data driver: de-stuffing, restart segments and spans.
-//
-// The data behind the scan header is cut at restart markers into segments. Each segment is
-// copied without its 0xFF 0x00 stuffing into one scratch buffer, closed with eight 0xFF bytes,
-// and decoded as one span of at most restart_interval_ MCUs by the kernel. A span that fails is
-// marked bad as a whole in bad_mcus_; the next segment starts clean.
+// The entropy data driver: de-stuffing, restart segments and spans. The data behind the scan
+// header is cut at restart markers into segments. Each segment is copied without its 0xFF 0x00
+// stuffing into one scratch buffer, closed with eight 0xFF bytes, and decoded as one span of at
+// most restart_interval_ MCUs by the kernel. A span that fails is marked bad as a whole in
+// bad_mcus_; the next segment starts clean.
 
 #include <cstring>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "jpeg_dsp.h"
 #include "mcu_kernel.h"
 #include "vidra/log.h"
+#include "wide_level.h"
 
 namespace vidra {
 namespace jpeg {
@@ -55,6 +55,8 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
     return true;
   }
 
+  WideLevels wide;
+  wide.build(mcu_blocks_.data(), mcu_blocks_.size());
   alignas(16) int16_t coefficients[64];
 
   // Positions are offsets into `data`: `src` is the next input byte and the last input byte is
@@ -111,10 +113,9 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
     context.dest_ = out + kSentinelBytes;
 
     // A scan without blocks can't be decoded: its spans count as bad without a kernel call.
-    const int decoded = context.blocks_per_mcu_ == 0 ? 0
-                        : row_split == nullptr
-                            ? decode_mcu_span_sse2_64(coefficients, &context)
-                            : dsp().decodeMCUSpan(coefficients, &context, row_split);
+    const int decoded = context.blocks_per_mcu_ == 0
+                            ? 0
+                            : dsp().decodeMCUSpan(coefficients, &context, row_split, wide.levels());
     if (decoded != 0) {
       valid_mcus_ += n;
     } else {

@@ -1,7 +1,8 @@
 // The MCU kernel: decodes one restart span of de-stuffed entropy data into the planes.
 //
-// It sees nothing of the decoder but the two records below. Their field order and widths are
-// part of the kernel's contract and are pinned by static_asserts.
+// It sees nothing of the decoder but the two records below, MCUBlock and MCUSpanContext, whose
+// field order and widths are part of the kernel's contract and are pinned by static_asserts, and
+// in the library's own calls a row split and the tables' wide levels.
 #pragma once
 
 #include <cstddef>
@@ -70,6 +71,19 @@ struct MCURowSplit {
   const MCUBlock* blocks_;
   uint32_t first_row_;
 };
+
+// For the library's own use: the wide first levels (wide_level.h) of each block's DC and AC
+// tables, one pointer per block of the context's list, in its order (the same for a row split's
+// list, whose blocks use the same tables). The kernel reads a symbol in the wide level first and
+// in the block's table only where the wide level holds 0.
+struct MCUWideLevels {
+  const uint32_t* const* dc_;
+  const uint32_t* const* ac_;
+};
+
+// A wide level of zeros, long enough for either kind: with it the kernel reads each symbol in the
+// block's table.
+extern const uint32_t kNoWideLevel[1024];
 
 // Zigzag position to natural index; entries 64..127 are all 63 so that a run past the end of a
 // block lands harmlessly on index 63 (multiplied by a zero quantisation entry).

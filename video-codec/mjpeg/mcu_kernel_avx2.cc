@@ -13,8 +13,9 @@
 namespace vidra {
 namespace jpeg {
 
-int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
-  return decodeSpan<Sse41Reconstruction>(coefficients, context, split);
+int decodeMCUSpan_avx2(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                       const MCUWideLevels* wide) {
+  return decodeSpan<Sse41Reconstruction>(coefficients, context, split, wide);
 }
 
 }  // namespace jpeg

@@ -105,20 +105,28 @@ VIDRA_ALWAYS_INLINE uint32_t resolveEntry(const uint32_t* table, uint32_t entry,
 
 // ---- The span loop ------------------------------------------------------------------------
 //
-// Bit reservoir. `bit_position` counts the bits of the span read so far; `reservoir` holds the
-// unread bits from there on, the next one in bit 63. Instead of a refill when the reservoir runs
-// low (a branch that follows the data and so is often mispredicted), every symbol begins with
-// a refill: the eight bytes from the one that holds the next unread bit, shifted so that this
-// bit is on top, which leaves 57 or more valid bits. Its address depends only on `bit_position`,
-// so the load runs while the symbol's table entry is fetched; once the entry tells the symbol's
-// length, `refill` << length is the next symbol's reservoir.
+// Bit reservoir. `bit_position` counts the bits of the span read so far. Instead of a refill
+// when the bits run low (a branch that follows the data and so is often mispredicted), every
+// symbol begins with a refill: the eight bytes from the one that holds the next unread bit,
+// shifted so that this bit is on top, which leaves 57 or more valid bits. Its address depends
+// only on `bit_position`, so the load runs while the symbol's table entry is fetched.
+//
+// Two words hold the unread bits from `bit_position` on, the next one in bit 63: `ahead`, made
+// from the previous symbol's refill, and `reservoir`, made from the refill before that. A symbol
+// is first looked up in the wide level of its table (wide_level.h) with the top bits of
+// `reservoir`. A wide whole entry, the common symbol, then makes the next `reservoir` as `ahead`
+// << length and the next `ahead` as `refill` << length. So the chain from one lookup to the next
+// is one shift by the entry itself (its low six bits are its length) and no load, while each
+// refill has two symbols' time to arrive. Any other symbol makes both words from `refill` (one
+// symbol then waits for its load): an end of block found in the wide level, and every symbol
+// that the wide level leaves to the table, which is looked up with the top bits of `refill`.
 //
 // A symbol takes at most 31 bits (a 16-bit code and 15 value bits; links never stand in a
-// sub-table, as the DHT parser refuses tables whose link offsets would be cut), so a reservoir
-// made that way always holds 26 or more valid bits. The first-level lookup needs 8 or 9 of them,
-// and the code and value bits of an entry found there at most 9 + 15 = 24: both come from
-// `reservoir`. A linked symbol reads its sub-table index and value bits from `refill`, whose 57
-// or more valid bits cover its 31.
+// sub-table, as the DHT parser refuses tables whose link offsets would be cut), and a wide whole
+// entry at most 10. So `ahead` always holds 57 - 31 = 26 or more valid bits, and `reservoir`
+// 26 - 10 = 16 or more: enough for the wide lookup (9 or 10 bits) and a wide whole entry, whose
+// code and value bits are all inside the index. Every other symbol reads its code and value bits
+// from `refill`, whose 57 or more valid bits cover its 31.
 //
 // Input bound. The caller's buffer holds the segment, eight 0xFF sentinel bytes and maybe more;
 // on entry `dest_` tells where it ends. A refill whose load would pass that end ends the span
@@ -131,8 +139,8 @@ VIDRA_ALWAYS_INLINE uint32_t resolveEntry(const uint32_t* table, uint32_t entry,
 // A link entry can only stand at the first level of a table. A link found in a sub-table (only
 // a table grown past the 16-bit link offsets could hold one there) is taken as a failure.
 template <typename Reconstruction>
-inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
-                      const MCURowSplit* split = nullptr) {
+inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                      const MCUWideLevels* wide) {
   const uintptr_t data_address = reinterpret_cast<uintptr_t>(context->data_);
   const uintptr_t end_address = reinterpret_cast<uintptr_t>(context->dest_);
   if (end_address < data_address || end_address - data_address < 8) return 0;
@@ -146,6 +154,7 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
 
   uint64_t bit_position = 0;
   uint64_t reservoir = loadBigEndian64(data);
+  uint64_t ahead = reservoir;
 
   int16_t dc_pred[8] = {};
   uint32_t mcu_x = context->mcu_x_;
@@ -169,9 +178,23 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
 #define VIDRA_KERNEL_REFILL()                                          \
   if (__builtin_expect((bit_position >> 3) > last_load, 0)) goto done; \
   const uint64_t refill = loadBigEndian64(data + (bit_position >> 3)) << (bit_position & 7)
+// A whole entry of a wide level: shifts by the entry itself, whose low six bits are its length.
+#define VIDRA_KERNEL_TAKE_WIDE(entry) \
+  reservoir = ahead << ((entry)&63);  \
+  ahead = refill << ((entry)&63);     \
+  bit_position += wideLength(entry)
+// Any other symbol: both words from the fresh load.
+#define VIDRA_KERNEL_TAKE(consumed)      \
+  {                                      \
+    const unsigned taken = (consumed);   \
+    bit_position += taken;               \
+    reservoir = ahead = refill << taken; \
+  }
 
   do {
     const MCUBlock* block = mcu_y < split_row ? first_block : split_block;
+    const uint32_t* const* wide_ac = wide->ac_;
+    const uint32_t* const* wide_dc = wide->dc_;
     blocks_left = blocks_per_mcu;
     do {
       dest = block->image_ + (mcu_x * static_cast<uint32_t>(block->mcu_width_)) +
@@ -181,23 +204,22 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
       // DC difference.
       {
         VIDRA_KERNEL_REFILL();
-        const uint32_t* const table = block->dc_table_;
-        uint32_t entry = table[reservoir >> (64 - kDCIndexBits)];
+        uint32_t entry = (*wide_dc++)[reservoir >> (64 - kWideDCIndexBits)];
         int32_t difference;
-        unsigned consumed;
         if (__builtin_expect(entry >= kWholeEntry, 1)) {
-          consumed = entryLength(entry);
           difference = entryValue(entry);
+          VIDRA_KERNEL_TAKE_WIDE(entry);
         } else {
-          uint64_t bits = reservoir;
+          const uint32_t* const table = block->dc_table_;
+          uint64_t bits = refill;
           unsigned skipped;
-          entry = resolveEntry(table, entry, kDCIndexBits, refill, &bits, &skipped);
+          unsigned consumed;
+          entry = resolveEntry(table, table[refill >> (64 - kDCIndexBits)], kDCIndexBits, refill,
+                               &bits, &skipped);
           if (entry < kFetchEntry) goto done;
           difference = takeEntry(entry, bits, &consumed);
-          consumed += skipped;
+          VIDRA_KERNEL_TAKE(consumed + skipped);
         }
-        bit_position += consumed;
-        reservoir = refill << consumed;
         // component_ is below 8 by the block list's construction; the mask only keeps a broken
         // list inside the eight predictors.
         int16_t& pred = dc_pred[block->component_ & 7];
@@ -210,35 +232,42 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
       unsigned k = 0;
       unsigned position_mask = 0;
       {
-        const uint32_t* const table = block->ac_table_;
+        const uint32_t* const ac_level = *wide_ac++;
         for (;;) {
           ++k;
           VIDRA_KERNEL_REFILL();
-          uint32_t entry = table[reservoir >> (64 - kACIndexBits)];
+          uint32_t entry = ac_level[reservoir >> (64 - kWideACIndexBits)];
           int32_t value;
-          unsigned consumed;
-          // A whole entry of the first level, the common case, on the shortest path.
+          unsigned run;
+          // A whole entry of the wide level, the common case, on the shortest path.
           if (__builtin_expect(entry >= kWholeEntry, 1)) {
-            consumed = entryLength(entry);
             value = entryValue(entry);
+            run = wideRun(entry);
+            VIDRA_KERNEL_TAKE_WIDE(entry);
           } else {
-            uint64_t bits = reservoir;
+            if (isEndOfBlock(entry)) {
+              VIDRA_KERNEL_TAKE(endOfBlockLength(entry));
+              --k;
+              break;
+            }
+            // Anything else is looked up in the table itself.
+            const uint32_t* const table = block->ac_table_;
+            uint64_t bits = refill;
             unsigned skipped;
-            entry = resolveEntry(table, entry, kACIndexBits, refill, &bits, &skipped);
+            unsigned consumed;
+            entry = resolveEntry(table, table[refill >> (64 - kACIndexBits)], kACIndexBits, refill,
+                                 &bits, &skipped);
             if (entry < kFetchEntry) goto done;
             if (isEndOfBlock(entry)) {
-              consumed = skipped + endOfBlockLength(entry);
-              bit_position += consumed;
-              reservoir = refill << consumed;
+              VIDRA_KERNEL_TAKE(skipped + endOfBlockLength(entry));
               --k;
               break;
             }
             value = takeEntry(entry, bits, &consumed);
-            consumed += skipped;
+            run = entryRun(entry);
+            VIDRA_KERNEL_TAKE(consumed + skipped);
           }
-          bit_position += consumed;
-          reservoir = refill << consumed;
-          k += entryRun(entry);
+          k += run;
           const unsigned n = kZigzagNatural[k];
           coefficients[n] = wrapProduct(value, quant[k]);
           position_mask |= n;
@@ -258,6 +287,8 @@ inline int decodeSpan(int16_t* coefficients, MCUSpanContext* context,
   result = 1;
 
 #undef VIDRA_KERNEL_REFILL
+#undef VIDRA_KERNEL_TAKE_WIDE
+#undef VIDRA_KERNEL_TAKE
 
 done:
   std::memcpy(context->dc_pred_, dc_pred, sizeof(dc_pred));

@@ -13,8 +13,9 @@ void reconstructBlock_neon(const int16_t* coefficients, uint8_t position_mask,
   NeonReconstruction().reconstruct(coefficients, position_mask, last_position, dest, stride);
 }
 
-int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
-  return decodeSpan<NeonReconstruction>(coefficients, context, split);
+int decodeMCUSpan_neon(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                       const MCUWideLevels* wide) {
+  return decodeSpan<NeonReconstruction>(coefficients, context, split, wide);
 }
 
 }  // namespace jpeg

@@ -13,8 +13,9 @@ void reconstructBlock_sse41(const int16_t* coefficients, uint8_t position_mask,
   Sse41Reconstruction().reconstruct(coefficients, position_mask, last_position, dest, stride);
 }
 
-int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split) {
-  return decodeSpan<Sse41Reconstruction>(coefficients, context, split);
+int decodeMCUSpan_sse41(int16_t* coefficients, MCUSpanContext* context, const MCURowSplit* split,
+                        const MCUWideLevels* wide) {
+  return decodeSpan<Sse41Reconstruction>(coefficients, context, split, wide);
 }
 
 }  // namespace jpeg
