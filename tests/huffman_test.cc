@@ -13,6 +13,7 @@
 #include "jpeg.h"
 #include "support/test_support.h"
 #include "vidra/mjpeg.h"
+#include "wide_level.h"
 
 namespace vidra {
 namespace jpeg {
@@ -41,8 +42,7 @@ Bytes segment(const std::vector<Bytes>& definitions) {
   return out;
 }
 
-// Runs parseDHT over `bytes`, which start at the length field; a segment it accepts is read to
-// its end.
+// Runs parseDHT over `bytes` (from the length field on); an accepted segment is read to its end.
 bool parseBytes(SimpleJPEGDecoder* decoder, const Bytes& bytes) {
   JPEGBuffer input(bytes.data(), bytes.size());
   const bool ok = decoder->parseDHT(&input);
@@ -58,8 +58,7 @@ const Entries& entries(const SimpleJPEGDecoder& decoder, bool ac, int th) {
   return (ac ? decoder.ac_huffman_tables_ : decoder.dc_huffman_tables_)[th]->entries_;
 }
 
-// The table has `size` entries, and in each range entries `first` to `last` (inclusive) hold
-// `entry`.
+// The table has `size` entries; in each range, entries `first` to `last` (inclusive) hold `entry`.
 using Range = std::tuple<unsigned, unsigned, uint32_t>;
 
 void expectTable(const Entries& table, size_t size, const std::vector<Range>& ranges) {
@@ -76,8 +75,7 @@ constexpr uint32_t whole(int value, int length, int run = 0) {
 
 // ---- The default tables ---------------------------------------------------------------------
 
-// The entries, the shape of the tables and the level-8 line of each code, for all four
-// definitions.
+// The entries, the tables' shape and the level-8 line of each code, for all four definitions.
 TEST(DefaultTablesTest, EntriesShapeAndCodeLines) {
   SimpleJPEGDecoder decoder;
   LogCapture capture(/*mjpeg_level=*/8);
@@ -92,17 +90,15 @@ TEST(DefaultTablesTest, EntriesShapeAndCodeLines) {
                {0xFF, 0xFF, 0x40850200},
                {512, 527, 0x800B0100},
                {528, 543, 0}});
-  // AC 0: code 00 (symbol 0x01) with value bit 0 and 1; end of block at 1010; a 9-bit fetch
-  // with run 8.
+  // AC 0: code 00 (symbol 0x01) with value bit 0 and 1; end of block at 1010; 9-bit fetch, run 8.
   expectTable(entries(decoder, true, 0), 768,
               {{0x000, 0x03F, 0xDFFF0300},
                {0x040, 0x07F, 0xC0010300},
                {0x140, 0x15F, 0xA0000004},
                {0x1F8, 0x1F8, 0x80010908}});
-  // Tables 0 and 1: 544 entries with one link at 255 for DC, where 256..511 are never
-  // written; 768 for AC with five links at 507..511 (sub_bits 5, the last 7) to sub-tables of 32
-  // entries in the order of their codes, the last of 128, whose all-ones end is the one empty
-  // entry.
+  // Tables 0 and 1: 544 entries with one link at 255 for DC, where 256..511 are never written; 768
+  // for AC with five links at 507..511 (sub_bits 5, the last 7) to sub-tables of 32 entries in the
+  // order of their codes, the last of 128, whose all-ones end is the one empty entry.
   for (int th = 0; th < 2; ++th) {
     SCOPED_TRACE(th);
     const Entries &dc = entries(decoder, false, th), &ac = entries(decoder, true, th);
@@ -134,6 +130,50 @@ TEST(DefaultTablesTest, EntriesShapeAndCodeLines) {
                    "    symbol:6 bits:4 code:e", "    symbol:7 bits:5 code:1e",
                    "    symbol:8 bits:6 code:3e", "    symbol:9 bits:7 code:7e",
                    "    symbol:10 bits:8 code:fe", "    symbol:11 bits:9 code:1fe"}));
+}
+
+// Frames without DHT segments get the default tables from one decoder to the next: the first
+// builds them and keeps a copy with their wide levels, later ones take the copy, or parse again
+// while levels 7 and 8 log. A table that a segment built already is built over, as parsing the
+// segment does (here DC 0, whose first sub-table moves up).
+TEST(DefaultTablesTest, InstalledAsParsed) {
+  const SimpleJPEGDecoder::DefaultDHT dht;
+  const Bytes long_code = segment({definition(0x00, {0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, {3})});
+  for (const int round : {0, 1, 2, 3}) {  // first (maybe fills the copy), copy, logging, built
+    SCOPED_TRACE(round);
+    SimpleJPEGDecoder parsed, installed;
+    if (round == 3) {
+      ASSERT_TRUE(parseBytes(&parsed, long_code));
+      ASSERT_TRUE(parseBytes(&installed, long_code));
+    }
+    Texts lines[2];
+    {
+      LogCapture capture(round == 2 ? 8 : 2);
+      parseDefaults(&parsed);
+      for (int pass = 0; pass < 2; ++pass) {
+        for (const test::LogLine& line : capture.lines()) {
+          lines[pass].push_back(std::to_string(line.level) + line.channel + line.text);
+        }
+        capture.clear();
+        if (pass == 0) {
+          ASSERT_TRUE(installed.parseDHT(&dht));
+        }
+      }
+    }
+    EXPECT_EQ(lines[0].size(), round == 2 ? 1u + 4 + 12 + 12 + 162 + 162 : 0u);
+    EXPECT_EQ(lines[0], lines[1]);
+    for (const bool ac : {false, true}) {
+      for (int th = 0; th < 4; ++th) {
+        EXPECT_EQ(entries(installed, ac, th), entries(parsed, ac, th));
+        const uint32_t* kept = defaultWideLevel(entries(installed, ac, th), ac);
+        EXPECT_EQ(kept != nullptr, th < 2 && (round < 3 || ac || th == 1));
+        if (kept == nullptr) continue;
+        Entries level(ac ? kWideACEntries : kWideDCEntries);
+        buildWideLevel(entries(installed, ac, th).data(), ac, level.data());
+        EXPECT_TRUE(std::equal(level.begin(), level.end(), kept));
+      }
+    }
+  }
 }
 
 // The segment holds the tables of ITU T.81 K.3 to K.6, which libjpeg writes into every frame

@@ -134,7 +134,7 @@ bool SimpleJPEGDecoder::decompress(const uint8_t* data, size_t size, int width, 
   // one that defines nothing, means the frame brings its own.
   if (!dht_seen_) {
     VIDRA_LOG(7, "mjpeg") << "Parsing default DHT";
-    JPEGBuffer dht(kMJPGDHTSeg + 2, 418);
+    const DefaultDHT dht;
     JPEG_CHECK(parseDHT(&dht));
   }
 

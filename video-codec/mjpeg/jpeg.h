@@ -78,6 +78,9 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
     std::vector<uint32_t> entries_;
   };
 
+  // Stands for the default DHT segment, kMJPGDHTSeg, in parseDHT().
+  struct DefaultDHT {};
+
   SimpleJPEGDecoder();
   ~SimpleJPEGDecoder();
   SimpleJPEGDecoder(const SimpleJPEGDecoder&) = delete;
@@ -93,6 +96,9 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   bool parseDRI(JPEGBuffer* input);
   bool parseSOS(JPEGBuffer* input);
   bool parseDHT(JPEGBuffer* input);
+  // Installs the tables of the default DHT segment, with the results and log lines of
+  // parseDHT() on it. For the decoder's own use, not exported.
+  __attribute__((visibility("hidden"))) bool parseDHT(const DefaultDHT* segment);
   bool decodeEntropyData(const uint8_t* data, size_t length, size_t* consumed_length);
   void fixBadMCUs();
   void fixMCURange(int mcu_x, int first_row, int last_row);
@@ -151,6 +157,10 @@ class VIDRA_MJPEG_EXPORT SimpleJPEGDecoder {
   std::vector<MCUBlock> direct_blocks_;
   int32_t direct_mcu_rows_ = 0;
 };
+
+// The wide level (wide_level.h) kept with the default tables for `entries`, when they are one of
+// those tables of that kind, as the default DHT segment builds it into a new decoder; else null.
+const uint32_t* defaultWideLevel(const std::vector<uint32_t>& entries, bool is_ac);
 
 }  // namespace jpeg
 }  // namespace vidra

@@ -55,8 +55,18 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
     return true;
   }
 
+  // The tables of a frame without DHT segments come with their wide levels.
+  std::vector<WideLevels::Ready> ready;
+  for (int i = 0; i < 2; ++i) {
+    for (const bool is_ac : {false, true}) {
+      const ACHuffmanTable* table = (is_ac ? ac_huffman_tables_ : dc_huffman_tables_)[i];
+      if (const uint32_t* level = defaultWideLevel(table->entries_, is_ac)) {
+        ready.push_back({table->entries_.data(), is_ac, level});
+      }
+    }
+  }
   WideLevels wide;
-  wide.build(mcu_blocks_.data(), mcu_blocks_.size());
+  wide.build(mcu_blocks_.data(), mcu_blocks_.size(), ready);
   alignas(16) int16_t coefficients[64];
 
   // Positions are offsets into `data`: `src` is the next input byte and the last input byte is
