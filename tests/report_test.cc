@@ -32,11 +32,12 @@ Outcome decode(const std::vector<uint8_t>& frame, int w, int h, DecodeOptions op
 }
 
 DecodeOptions withDecoder(Decoder decoder, bool fallback = false) {
-  DecodeOptions options;
-  options.decoder = decoder;
-  options.fallback = fallback;
-  return options;
+  return {decoder, /*insert_dht=*/true, fallback};
 }
+
+using Status = FrameStatus;
+using Path = DecodePath;
+using Reason = RefusalReason;
 
 // A grey frame, whose layout the own decoder refuses, goes to the fallback and comes out exactly
 // as on the TurboJPEG path (FFmpeg's chroma sampled 1x2: the tool's tests). Frames in other
@@ -49,10 +50,10 @@ TEST(FrameReportTest, FallbackForLayoutsNotForColourSpaces) {
   const Outcome refused = decode(grey, 64, 48, withDecoder(Decoder::kOwn));
   const Outcome fallback = decode(grey, 64, 48, withDecoder(Decoder::kOwn, true));
   ASSERT_TRUE(turbo.ok);
-  EXPECT_EQ(refused.report.reason, RefusalReason::kUnsupportedLayout);
+  EXPECT_EQ(refused.report.reason, Reason::kUnsupportedLayout);
   EXPECT_TRUE(refused.planes == test::Planes(64, 48)) << "planes touched";
   EXPECT_EQ(std::make_pair(fallback.report.status, fallback.report.path),
-            std::make_pair(FrameStatus::kClean, DecodePath::kTurboFallback));
+            std::make_pair(Status::kClean, Path::kTurboFallback));
   EXPECT_TRUE(fallback.planes == turbo.planes);
 
   std::vector<uint8_t> pixels(64 * 48 * 4);
@@ -74,7 +75,7 @@ TEST(FrameReportTest, FallbackForLayoutsNotForColourSpaces) {
       const Outcome out = decode(frame, 64, 48, withDecoder(decoder, true));
       EXPECT_FALSE(out.ok);
       EXPECT_EQ(out.report.header.colour_space, colour);
-      EXPECT_EQ(out.report.reason, RefusalReason::kUnsupportedColourSpace);
+      EXPECT_EQ(out.report.reason, Reason::kUnsupportedColourSpace);
       EXPECT_TRUE(out.planes == test::Planes(64, 48));
     }
   }
@@ -101,7 +102,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       // Frames in other colour spaces are the one intended difference.
       const ColourSpace colour = out.report.header.colour_space;
       if (colour != ColourSpace::kYCbCr && colour != ColourSpace::kGrey) {
-        EXPECT_EQ(out.report.reason, RefusalReason::kUnsupportedColourSpace);
+        EXPECT_EQ(out.report.reason, Reason::kUnsupportedColourSpace);
         continue;
       }
       EXPECT_EQ(out.ok, expected_ok);
@@ -110,8 +111,8 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       // unsupported, and takes over the others.
       const Outcome with_fallback = decode(frame, w, h, withDecoder(Decoder::kAuto, true));
       const RefusalReason why = out.report.reason;
-      if (why == RefusalReason::kUnsupportedProcess || why == RefusalReason::kUnsupportedLayout) {
-        EXPECT_EQ(with_fallback.report.path, DecodePath::kTurboFallback);
+      if (why == Reason::kUnsupportedProcess || why == Reason::kUnsupportedLayout) {
+        EXPECT_EQ(with_fallback.report.path, Path::kTurboFallback);
       } else {
         EXPECT_EQ(with_fallback.report.path, out.report.path);
         EXPECT_EQ(with_fallback.report.status, out.report.status);
@@ -120,10 +121,10 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       // The status agrees with the result; a refusal has a reason and leaves the planes as
       // they were. (The MCU counts of damaged frames are pinned in the next test.)
       const FrameReport& r = out.report;
-      const bool accepted = r.status == FrameStatus::kClean || r.status == FrameStatus::kConcealed;
+      const bool accepted = r.status == Status::kClean || r.status == Status::kConcealed;
       EXPECT_EQ(out.ok, accepted);
-      EXPECT_EQ(r.status == FrameStatus::kRefused, r.reason != RefusalReason::kNone);
-      EXPECT_TRUE(r.status != FrameStatus::kRefused || out.planes == test::Planes(w, h));
+      EXPECT_EQ(r.status == Status::kRefused, r.reason != Reason::kNone);
+      EXPECT_TRUE(r.status != Status::kRefused || out.planes == test::Planes(w, h));
     }
   }
   if (frames == 0) GTEST_SKIP() << "corpus not found";
@@ -137,21 +138,20 @@ TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
     FrameStatus status;
     DecodePath path;
     int valid, total;  // MCUs
-    RefusalReason reason = RefusalReason::kNone;
+    RefusalReason reason = Reason::kNone;
   } cases[] = {
-      {"damaged/flip-again-00.jpg", FrameStatus::kConcealed, DecodePath::kOwn, 2320, 2400},
-      {"damaged/flip-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
-      {"damaged/flip-again-02.jpg", FrameStatus::kClean, DecodePath::kOwn, 2400, 2400},
-      {"damaged/trunc-again-00.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1600, 2400},
-      {"damaged/trunc-again-01.jpg", FrameStatus::kFailed, DecodePath::kOwn, 0, 2400},
-      {"damaged/trunc-again-02.jpg", FrameStatus::kFailed, DecodePath::kOwn, 1520, 2400},
-      {"reftest/extraneous-data.jpg", FrameStatus::kClean, DecodePath::kOwn, 1, 1},
-      {"reftest/restarts.jpg", FrameStatus::kClean, DecodePath::kOwn, 25, 25},
-      {"reftest/jpg-gray.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
-      {"reftest/jpg-progressive.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
-      {"reftest/non-interleaved-mcu.jpg", FrameStatus::kClean, DecodePath::kTurboFallback, 0, 0},
-      {"reftest/rgb.jpg", FrameStatus::kRefused, DecodePath::kNone, 0, 0,
-       RefusalReason::kUnsupportedColourSpace},
+      {"damaged/flip-again-00.jpg", Status::kConcealed, Path::kOwn, 2320, 2400},
+      {"damaged/flip-again-01.jpg", Status::kFailed, Path::kOwn, 0, 2400},
+      {"damaged/flip-again-02.jpg", Status::kClean, Path::kOwn, 2400, 2400},
+      {"damaged/trunc-again-00.jpg", Status::kFailed, Path::kOwn, 1600, 2400},
+      {"damaged/trunc-again-01.jpg", Status::kFailed, Path::kOwn, 0, 2400},
+      {"damaged/trunc-again-02.jpg", Status::kFailed, Path::kOwn, 1520, 2400},
+      {"reftest/extraneous-data.jpg", Status::kClean, Path::kOwn, 1, 1},
+      {"reftest/restarts.jpg", Status::kClean, Path::kOwn, 25, 25},
+      {"reftest/jpg-gray.jpg", Status::kClean, Path::kTurboFallback, 0, 0},
+      {"reftest/jpg-progressive.jpg", Status::kClean, Path::kTurboFallback, 0, 0},
+      {"reftest/non-interleaved-mcu.jpg", Status::kClean, Path::kTurboFallback, 0, 0},
+      {"reftest/rgb.jpg", Status::kRefused, Path::kNone, 0, 0, Reason::kUnsupportedColourSpace},
   };
   if (test::corpusDir().empty()) GTEST_SKIP() << "corpus not found";
   for (const Case& c : cases) {
@@ -161,11 +161,9 @@ TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
     ASSERT_TRUE(readFrameHeader(frame.data(), frame.size(), &header));
     const Outcome out =
         decode(frame, header.width, header.height, withDecoder(Decoder::kOwn, true));
-    EXPECT_EQ(out.report.status, c.status);
-    EXPECT_EQ(out.report.path, c.path);
-    EXPECT_EQ(out.report.valid_mcus, c.valid);
-    EXPECT_EQ(out.report.total_mcus, c.total);
-    EXPECT_EQ(out.report.reason, c.reason);
+    const FrameReport& r = out.report;
+    EXPECT_EQ(std::make_tuple(r.status, r.path, r.valid_mcus, r.total_mcus, r.reason),
+              std::make_tuple(c.status, c.path, c.valid, c.total, c.reason));
   }
 }
 
@@ -173,14 +171,11 @@ TEST(FrameReportTest, DamagedAndQuirkyCorpusFrames) {
 TEST(FrameReportTest, RefusalReasons) {
   const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> good = test::encodeTestFrame(64, 48, TJSAMP_422);
-  auto edited = [&](size_t at, std::vector<uint8_t> bytes) {
+  // `good` with `bytes` written over it at `at`, or put in there.
+  auto edited = [&](size_t at, std::vector<uint8_t> bytes, bool insert = false) {
     std::vector<uint8_t> frame = good;
-    for (size_t i = 0; i < bytes.size(); ++i) frame[at + i] = bytes[i];
-    return frame;
-  };
-  auto inserted = [&](size_t at, std::vector<uint8_t> bytes) {
-    std::vector<uint8_t> frame = good;
-    frame.insert(frame.begin() + at, bytes.begin(), bytes.end());
+    if (insert) frame.insert(frame.begin() + at, bytes.size(), 0);
+    std::copy(bytes.begin(), bytes.end(), frame.begin() + at);
     return frame;
   };
   const size_t sof = test::markerAt(good, 0xC0), dht = test::markerAt(good, 0xC4),
@@ -201,40 +196,40 @@ TEST(FrameReportTest, RefusalReasons) {
     Decoder decoder;
     RefusalReason reason;
   } cases[] = {
-      {"size, own", good, 64, 40, Decoder::kOwn, RefusalReason::kSizeMismatch},
-      {"size, turbo", good, 48, 48, Decoder::kTurbo, RefusalReason::kSizeMismatch},
-      {"no SOI, own", edited(0, {0x00}), 64, 48, Decoder::kOwn, RefusalReason::kNotJPEG},
-      {"no SOI, turbo", edited(1, {0x00}), 64, 48, Decoder::kTurbo, RefusalReason::kNotJPEG},
-      {"SOF1", edited(sof + 1, {0xC1}), 64, 48, Decoder::kOwn, RefusalReason::kUnsupportedProcess},
+      {"size, own", good, 64, 40, Decoder::kOwn, Reason::kSizeMismatch},
+      {"size, turbo", good, 48, 48, Decoder::kTurbo, Reason::kSizeMismatch},
+      {"no SOI, own", edited(0, {0x00}), 64, 48, Decoder::kOwn, Reason::kNotJPEG},
+      {"no SOI, turbo", edited(1, {0x00}), 64, 48, Decoder::kTurbo, Reason::kNotJPEG},
+      {"SOF1", edited(sof + 1, {0xC1}), 64, 48, Decoder::kOwn, Reason::kUnsupportedProcess},
       {"spectral selection", edited(sos + 2 + 2 + 1 + 2 * 3, {1}), 64, 48, Decoder::kOwn,
-       RefusalReason::kUnsupportedProcess},
+       Reason::kUnsupportedProcess},
       {"13 blocks per MCU", edited(sof + 11, {0x33}), 64, 48, Decoder::kOwn,
-       RefusalReason::kUnsupportedLayout},
-      {"bad table, own", bad_dht, 64, 48, Decoder::kOwn, RefusalReason::kBadHeader},
-      {"bad table, turbo", bad_dht, 64, 48, Decoder::kTurbo, RefusalReason::kTurboError},
-      {"cut in header, own", cut, 64, 48, Decoder::kOwn, RefusalReason::kTruncated},
-      {"cut in header, turbo", cut, 64, 48, Decoder::kTurbo, RefusalReason::kTruncated},
-      {"too large", huge, 8000, 8000, Decoder::kOwn, RefusalReason::kTooLarge},
+       Reason::kUnsupportedLayout},
+      {"bad table, own", bad_dht, 64, 48, Decoder::kOwn, Reason::kBadHeader},
+      {"bad table, turbo", bad_dht, 64, 48, Decoder::kTurbo, Reason::kTurboError},
+      {"cut in header, own", cut, 64, 48, Decoder::kOwn, Reason::kTruncated},
+      {"cut in header, turbo", cut, 64, 48, Decoder::kTurbo, Reason::kTruncated},
+      {"too large", huge, 8000, 8000, Decoder::kOwn, Reason::kTooLarge},
       // Markers that the own decoder's marker loop doesn't take: a fill byte is legal JPEG, a
       // restart marker or EOI before the scan is damage.
-      {"fill byte", inserted(2, {0xFF}), 64, 48, Decoder::kOwn, RefusalReason::kUnsupportedProcess},
-      {"RST0 in the header", inserted(2, {0xFF, 0xD0}), 64, 48, Decoder::kOwn,
-       RefusalReason::kBadHeader},
+      {"fill byte", edited(2, {0xFF}, true), 64, 48, Decoder::kOwn, Reason::kUnsupportedProcess},
+      {"RST0 in the header", edited(2, {0xFF, 0xD0}, true), 64, 48, Decoder::kOwn,
+       Reason::kBadHeader},
       {"EOI instead of the scan", edited(sos + 1, {0xD9}), 64, 48, Decoder::kOwn,
-       RefusalReason::kTruncated},
+       Reason::kTruncated},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     for (bool fallback : {false, true}) {
       // Only unsupported processes and layouts go on to the fallback (tested above); every
       // other refusal stands with the fallback on.
-      if (fallback && (c.reason == RefusalReason::kUnsupportedProcess ||
-                       c.reason == RefusalReason::kUnsupportedLayout)) {
+      if (fallback &&
+          (c.reason == Reason::kUnsupportedProcess || c.reason == Reason::kUnsupportedLayout)) {
         continue;
       }
       const Outcome out = decode(c.frame, c.w, c.h, withDecoder(c.decoder, fallback));
       EXPECT_FALSE(out.ok);
-      EXPECT_EQ(out.report.status, FrameStatus::kRefused);
+      EXPECT_EQ(out.report.status, Status::kRefused);
       EXPECT_EQ(out.report.reason, c.reason) << refusalReasonText(out.report.reason);
       EXPECT_TRUE(out.planes == test::Planes(c.w, c.h)) << "planes touched";
     }
@@ -315,11 +310,11 @@ TEST(FrameReportTest, RefusesBadArguments) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     FrameReport report;
-    report.status = FrameStatus::kClean;
+    report.status = Status::kClean;
     EXPECT_FALSE(decodeFrame(c.data, c.size, c.w, c.h, c.y, c.y_stride, c.u, c.uv_stride, v.data(),
                              c.uv_stride, DecodeOptions(), &report));
-    EXPECT_EQ(report.status, FrameStatus::kRefused);
-    EXPECT_EQ(report.reason, RefusalReason::kInvalidArgument);
+    EXPECT_EQ(report.status, Status::kRefused);
+    EXPECT_EQ(report.reason, Reason::kInvalidArgument);
   }
   EXPECT_FALSE(decodeFrame(frame.data(), frame.size(), 64, 48, y.data(), 64, u.data(), 32, v.data(),
                            32, DecodeOptions(), nullptr));
