@@ -333,15 +333,11 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   ASSERT_EQ(alone[1][1].status, FrameStatus::kConcealed);
   ASSERT_TRUE(alone[2][1].ok);
   int mismatches = 0;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int round = 0; round < kRounds; ++round) {
-      for (int f = 0; f < kFrames; ++f) {
-        const Result& result = results[(t * kRounds + round) * kFrames + f];
-        const Result& expected = alone[f][(t + round) % 2];
-        mismatches += result.ok != expected.ok || result.status != expected.status ||
-                      !(result.planes == expected.planes);
-      }
-    }
+  for (size_t i = 0; i < results.size(); ++i) {  // i = (t * kRounds + round) * kFrames + f
+    const Result& expected =
+        alone[i % kFrames][(i / kFrames / kRounds + i / kFrames % kRounds) % 2];
+    mismatches += results[i].ok != expected.ok || results[i].status != expected.status ||
+                  !(results[i].planes == expected.planes);
   }
   EXPECT_EQ(mismatches, 0);
   EXPECT_TRUE(capture.contains("mjpeg", "JPEG assertion failed"));
