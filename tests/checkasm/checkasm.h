@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -91,33 +92,24 @@ inline std::vector<uint8_t> tightPlane(int width, int rows, int stride) {
 }
 
 // A destination plane of `rows` rows of `width` bytes, `stride` bytes apart, with `guard` bytes
-// in front and behind. Everything starts out as a fixed pattern; untouchedOutside() checks
-// that the bytes outside the rows (guards and stride gaps) still hold it.
+// in front and behind. Everything starts out as a fixed pattern, which the bytes outside the rows
+// (guards and stride gaps) must keep.
 struct GuardedPlane {
   GuardedPlane(int width, int rows, int stride, int guard = 64)
-      : width(width),
-        rows(rows),
-        stride(stride),
-        guard(guard),
-        bytes(2 * static_cast<size_t>(guard) + static_cast<size_t>(rows) * stride) {
+      : width(width), rows(rows), stride(stride), guard(guard), bytes(2 * guard + rows * stride) {
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = pattern(i);
   }
   uint8_t* data() { return bytes.data() + guard; }
   static uint8_t pattern(size_t i) { return static_cast<uint8_t>(0x5A ^ (i * 7)); }
-  bool inside(size_t i) const {
-    if (i < static_cast<size_t>(guard)) return false;
-    const size_t offset = i - guard;
-    return offset / stride < static_cast<size_t>(rows) &&
-           offset % stride < static_cast<size_t>(width);
-  }
-  // Returns the index of the first changed byte outside the rows, or -1.
+  // The index of the first changed byte outside the rows, or -1.
   long firstChangeOutside() const {
     for (size_t i = 0; i < bytes.size(); ++i) {
-      if (!inside(i) && bytes[i] != pattern(i)) return static_cast<long>(i);
+      const long offset = static_cast<long>(i) - guard;
+      const bool inside = offset >= 0 && offset / stride < rows && offset % stride < width;
+      if (!inside && bytes[i] != pattern(i)) return static_cast<long>(i);
     }
     return -1;
   }
-  bool untouchedOutside() const { return firstChangeOutside() < 0; }
 
   int width, rows, stride, guard;
   std::vector<uint8_t> bytes;
@@ -125,11 +117,9 @@ struct GuardedPlane {
 
 // Index of the first byte where `a` and `b` differ, or -1 when they are equal (sizes too).
 inline long firstDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
-  const size_t n = a.size() < b.size() ? a.size() : b.size();
-  for (size_t i = 0; i < n; ++i) {
-    if (a[i] != b[i]) return static_cast<long>(i);
-  }
-  return a.size() == b.size() ? -1 : static_cast<long>(n);
+  const size_t n = std::min(a.size(), b.size());
+  const long at = std::mismatch(a.begin(), a.begin() + n, b.begin()).first - a.begin();
+  return at == static_cast<long>(n) && a.size() == b.size() ? -1 : at;
 }
 
 inline bool benchRequested() {

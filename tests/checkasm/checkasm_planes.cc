@@ -22,10 +22,9 @@ jpeg::PlaneFn formOf(const jpeg::DSPFunctions& table, Kind kind) {
 // both extremes.
 void compare(Kind kind, int width, int height, int src_gap, int dst_gap, int src_offset,
              int dst_offset, bool edges = false) {
-  SCOPED_TRACE(std::string(nameOf(kind)) + " " + std::to_string(width) + "x" +
-               std::to_string(height) + " gaps " + std::to_string(src_gap) + "/" +
-               std::to_string(dst_gap) + " offsets " + std::to_string(src_offset) + "/" +
-               std::to_string(dst_offset) + (edges ? " edges" : ""));
+  SCOPED_TRACE(testing::Message() << nameOf(kind) << " " << width << "x" << height << " gaps "
+                                  << src_gap << "/" << dst_gap << " offsets " << src_offset << "/"
+                                  << dst_offset << (edges ? " edges" : ""));
   const int src_width = kind == Kind::k444 ? 2 * width : width;
   const int src_stride = src_width + src_gap, dst_stride = width + dst_gap;
   std::vector<uint8_t> src = randomBytes(static_cast<size_t>(src_offset));
@@ -34,8 +33,7 @@ void compare(Kind kind, int width, int height, int src_gap, int dst_gap, int src
   if (edges) {
     for (uint8_t& b : src) b = static_cast<uint8_t>(b & 1 ? 255 - (b & 2) / 2 : (b & 2) / 2);
   }
-  GuardedPlane expected(width, height, dst_stride, 64 + dst_offset);
-  GuardedPlane actual(width, height, dst_stride, 64 + dst_offset);
+  GuardedPlane expected(width, height, dst_stride, 64 + dst_offset), actual = expected;
   formOf(tables().scalar, kind)(src.data() + src_offset, src_stride, expected.data(), dst_stride,
                                 width, height);
   formOf(tables().vector, kind)(src.data() + src_offset, src_stride, actual.data(), dst_stride,
