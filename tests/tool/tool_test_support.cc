@@ -58,10 +58,6 @@ std::string toolCommand(const std::vector<std::string>& args) {
   return command;
 }
 
-int exitCode(int status) {
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 }  // namespace
 
 std::string ToolRun::describe() const {
@@ -71,15 +67,12 @@ std::string ToolRun::describe() const {
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& stdin_path) {
   TempDir scratch;
-  std::string command = toolCommand(args);
-  command += " <" + quote(stdin_path.empty() ? "/dev/null" : stdin_path) + " >" +
-             quote(scratch.file("out")) + " 2>" + quote(scratch.file("err"));
+  const std::string command = toolCommand(args) + " <" +
+                              quote(stdin_path.empty() ? "/dev/null" : stdin_path) + " >" +
+                              quote(scratch.file("out")) + " 2>" + quote(scratch.file("err"));
   const int status = std::system(command.c_str());
-  ToolRun run;
-  run.code = exitCode(status);
-  run.out = slurp(scratch.file("out"));
-  run.err = slurp(scratch.file("err"));
-  return run;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+          slurp(scratch.file("out")), slurp(scratch.file("err"))};
 }
 
 ToolProcess::ToolProcess(const std::vector<std::string>& args) {
@@ -111,12 +104,9 @@ std::string ToolProcess::output(size_t bytes, int timeout_ms) const {
 ToolRun ToolProcess::finish() {
   if (in_ != nullptr) pclose(in_);
   in_ = nullptr;
-  ToolRun run;
   const std::string code = slurp(scratch_.file("code"));
-  run.code = code.empty() ? -1 : std::stoi(code);
-  run.out = slurp(scratch_.file("out"));
-  run.err = slurp(scratch_.file("err"));
-  return run;
+  return {code.empty() ? -1 : std::stoi(code), slurp(scratch_.file("out")),
+          slurp(scratch_.file("err"))};
 }
 
 testing::AssertionResult has(const std::string& text, const std::string& fragment) {
