@@ -32,11 +32,12 @@ std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
   return a;
 }
 
+// Bytes from ints, each cut to its low 8 bits; a big-endian 16-bit field.
+Bytes of(std::initializer_list<int> values) { return Bytes(values.begin(), values.end()); }
+Bytes be16(size_t value) { return of({int(value >> 8), int(value & 0xFF)}); }
+
 // The length field (counting itself) and the payload: what a parser sees behind its marker.
-Bytes withLength(const Bytes& payload) {
-  const size_t length = payload.size() + 2;
-  return Bytes{static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)} + payload;
-}
+Bytes withLength(const Bytes& payload) { return be16(payload.size() + 2) + payload; }
 
 Bytes segment(uint8_t marker, const Bytes& payload) {
   return Bytes{0xFF, marker} + withLength(payload);
@@ -52,13 +53,8 @@ using Comps = std::vector<Comp>;
 
 // Frame header payload.
 Bytes sof0(int width, int height, const Comps& comps, int precision = 8) {
-  Bytes out = {static_cast<uint8_t>(precision), static_cast<uint8_t>(height >> 8),
-               static_cast<uint8_t>(height),    static_cast<uint8_t>(width >> 8),
-               static_cast<uint8_t>(width),     static_cast<uint8_t>(comps.size())};
-  for (const Comp& c : comps) {
-    out = out + Bytes{static_cast<uint8_t>(c.id), static_cast<uint8_t>(c.h << 4 | c.v),
-                      static_cast<uint8_t>(c.tq)};
-  }
+  Bytes out = of({precision}) + be16(height) + be16(width) + of({int(comps.size())});
+  for (const Comp& c : comps) out = out + of({c.id, c.h << 4 | c.v, c.tq});
   return out;
 }
 
@@ -67,12 +63,9 @@ Bytes dqt(uint8_t tq, uint8_t step = 1) { return dqt(tq, Bytes(64, step)); }
 
 // Scan header from the length field on: the pairs, then Ss, Se and Ah/Al.
 Bytes sos(const Pairs& pairs, int ss = 0, int se = 63, int ahal = 0) {
-  Bytes out = {static_cast<uint8_t>(pairs.size())};
-  for (const auto& p : pairs) {
-    out = out + Bytes{static_cast<uint8_t>(p.first), static_cast<uint8_t>(p.second)};
-  }
-  return withLength(
-      out + Bytes{static_cast<uint8_t>(ss), static_cast<uint8_t>(se), static_cast<uint8_t>(ahal)});
+  Bytes out = of({int(pairs.size())});
+  for (const auto& p : pairs) out = out + of({p.first, p.second});
+  return withLength(out + of({ss, se, ahal}));
 }
 
 const Comps k420 = {{1, 2, 2, 0}, {2, 1, 1, 1}, {3, 1, 1, 1}};
@@ -456,11 +449,10 @@ Bytes sparseFrame(int width, int height, int good_rows) {
   Bytes frame = kSOI + segment(0xDB, dqt(0)) + segment(0xC4, Bytes{0x00} + one_code) +
                 segment(0xC4, Bytes{0x10} + one_code) +
                 segment(0xC0, sof0(width, height, {{1, 1, 1, 0}, {2, 1, 1, 0}, {3, 1, 1, 0}})) +
-                segment(0xDD, {static_cast<uint8_t>(mcus_x >> 8), static_cast<uint8_t>(mcus_x)}) +
-                Bytes{0xFF, 0xDA} + sos({{1, 0}, {2, 0}, {3, 0}});
+                segment(0xDD, be16(mcus_x)) + Bytes{0xFF, 0xDA} + sos({{1, 0}, {2, 0}, {3, 0}});
   for (int row = 0; row < rows; ++row) {
     if (row < good_rows) frame = frame + Bytes((mcus_x * 3 * 2 + 7) / 8, 0);
-    frame = frame + Bytes{0xFF, static_cast<uint8_t>(0xD0 + row % 8)};
+    frame = frame + of({0xFF, 0xD0 + row % 8});
   }
   return frame + kEOI;
 }
