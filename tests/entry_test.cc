@@ -46,15 +46,6 @@ TEST_F(SelectionTest, ForceFlagPicksTurboUntilCleared) {
   }
 }
 
-// Every log line of a call as "level channel text".
-std::vector<std::string> logOf(const LogCapture& capture) {
-  std::vector<std::string> lines;
-  for (const test::LogLine& line : capture.lines()) {
-    lines.push_back(std::to_string(line.level) + " " + line.channel + " " + line.text);
-  }
-  return lines;
-}
-
 // With the flag off on a processor that allows it, decompressMJPEG() is SimpleJPEGDecoder and
 // nothing else: the same result, planes and log lines as the decoder called directly, also for
 // frames that it refuses (a progressive one) or counts as failed after concealment (one cut in
@@ -96,7 +87,7 @@ TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
                                              direct.y.data(), direct.y_stride, direct.u.data(),
                                              direct.uv_stride, direct.v.data(), direct.uv_stride);
     EXPECT_EQ(expected, c.ok);
-    const std::vector<std::string> direct_log = logOf(capture);
+    const std::vector<test::LogLine> direct_log = capture.lines();
     capture.clear();
     EXPECT_EQ(decompressMJPEG(data.get(), c.frame.size() + c.extra_size, c.width, c.height, false,
                               entry.y.data(), entry.y_stride, entry.u.data(), entry.uv_stride,
@@ -104,7 +95,7 @@ TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
               expected);
     EXPECT_TRUE(entry == direct);
     EXPECT_EQ(capture.texts(6, "mjpeg"), std::vector<std::string>{"Using simple jpeg decoder."});
-    EXPECT_EQ(logOf(capture), direct_log);
+    EXPECT_EQ(capture.lines(), direct_log);
   }
 }
 

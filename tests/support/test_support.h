@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,13 @@ struct LogLine {
   int level;
   std::string channel;
   std::string text;
+  bool operator==(const LogLine& o) const {
+    return level == o.level && channel == o.channel && text == o.text;
+  }
 };
+inline void PrintTo(const LogLine& line, std::ostream* os) {
+  *os << line.level << " " << line.channel << " " << line.text;
+}
 
 // Captures every emitted log line while it lives, with the given channel levels enabled, and
 // restores the stderr sink and the default levels afterwards.
