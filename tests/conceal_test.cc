@@ -24,9 +24,9 @@ using test::LogCapture;
 constexpr uint8_t kUntouched = 0xA5;
 constexpr int kStride = 20;  // wider than 16, so that bytes right of the rectangle show
 
-// Runs interpolateRange() for the widths of the scalar path (below 16) and of the dispatched one
-// (16) on at least 8 rows of kStride bytes that start out as kUntouched, and compares rows
-// first..first + rows - 1 with want(x, y) left of the width and kUntouched right of it.
+// Runs interpolateRange() for the widths of the scalar path (below 16) and the dispatched one
+// (16) on at least 8 rows of kStride bytes, all kUntouched at first; rows first..first + rows - 1
+// must hold want(x, y) left of the width and kUntouched right of it.
 template <typename Want>
 void expectRows(int h, const std::vector<uint8_t>& top, const std::vector<uint8_t>& bottom,
                 int first, int rows, Want want) {
@@ -135,9 +135,8 @@ std::vector<Region> run420(int mcu_x, int first, int last, Fill fill,
 }
 
 // Puts a decoder into the state that the frame header, the scan header and the entropy driver
-// leave behind (a grid of `mcus_x` x `mcus_y` MCUs, planes of random samples, the bad spans),
-// repairs it, and compares every byte of every plane with the planes before the repair and
-// `regions` written over them, so that a byte written outside the regions fails as well.
+// leave (a grid of `mcus_x` x `mcus_y` MCUs, random samples, the bad spans), repairs it, and
+// compares every byte of every plane with the planes before and `regions` written over them.
 void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Factors>& slots,
                   const Spans& bad_spans, const std::vector<Region>& regions) {
   SCOPED_TRACE(name);

@@ -22,8 +22,7 @@ using test::corpusFiles;
 using test::Planes;
 using test::readFile;
 
-// One frame through the library's own decoder, kept alive so that its planes and its MCU
-// bookkeeping can be looked at.
+// One frame through the own decoder, kept alive to look at its planes and MCU bookkeeping.
 struct Decoded {
   std::unique_ptr<SimpleJPEGDecoder> decoder;
   Planes planes;
@@ -73,10 +72,9 @@ std::vector<std::vector<uint8_t>> segmentsOf(const std::vector<uint8_t>& frame) 
 }
 
 // Each damaged frame is decoded next to the clean frame it was made from (damaged/flip-x.jpg
-// from webcam-480p/x.jpg). Span k is decoded from segment k alone (the predictors restart
-// behind every restart marker), so a span whose segment the damage left alone must come out
-// as in the clean frame. A changed segment needn't fail: a flipped bit often decodes to other
-// valid codes, so only the unchanged spans can be compared.
+// from webcam-480p/x.jpg). Span k is decoded from segment k alone (the predictors restart behind
+// every restart marker), so spans whose segments the damage left alone come out as in the clean
+// frame. A changed segment needn't fail (a flipped bit often gives other valid codes).
 TEST(DamagedCorpus, EightyPercentRuleAndChangesOnlyInsideDamagedSpans) {
   const std::vector<std::string> files = corpusFiles("damaged");
   VIDRA_REQUIRE_CORPUS(files, "damaged");

@@ -54,10 +54,9 @@ double psnr(const test::Planes& a, const test::Planes& b) {
   return lowest;
 }
 
-// Decodes `frame` with every routine in its scalar form, then in its vector form (where the
-// processor has one): the same result and the same planes. Unless `expect` is -1 the result must
-// be `expect`, and an accepted frame must come within 35 dB of the accurate reference in every
-// plane.
+// Decodes `frame` with every routine in its scalar form, then in its vector form (where there is
+// one): the same result and planes. Unless `expect` is -1 the result must be `expect`, and an
+// accepted frame within 35 dB of the accurate reference in every plane.
 void checkFrame(const std::vector<uint8_t>& frame, int expect) {
   int width = 0, height = 0, subsampling = -1, colorspace = -1;
   tjhandle handle = tjInitDecompress();
@@ -114,10 +113,9 @@ TEST(DecodeTest, EncodedLayouts) {
     checkFrame(frame, 1);
 }
 
-// Rows decoded straight into the caller's planes (where its strides equal the decoder's) against
-// the decoder's own planes and a copy: the same result, bytes and log lines, whole corpus,
-// damaged and cut-off frames and refused sizes included, into planes that start out as a
-// sentinel and end exactly where the caller's rows end.
+// Rows decoded straight into the caller's planes (where the strides equal the decoder's) against
+// the decoder's own planes and a copy: the same result, bytes and log lines for the whole corpus,
+// damaged, cut and refused sizes included, in sentinel-filled planes ending with the caller's rows.
 TEST(DecodeTest, DirectOutputChangesNothing) {
   std::vector<std::vector<uint8_t>> frames = {
       test::encodeTestFrame(101, 75, TJSAMP_420, 75, 1), test::encodeTestFrame(96, 40, TJSAMP_420),

@@ -46,13 +46,12 @@ TEST_F(SelectionTest, ForceFlagPicksTurboUntilCleared) {
   }
 }
 
-// With the flag off on a processor that allows it, decompressMJPEG() is SimpleJPEGDecoder and
-// nothing else: the same result, planes and log lines as the decoder called directly, also for
-// frames that it refuses (a progressive one) or counts as failed after concealment (one cut in
-// half), where TurboJPEG must not be tried instead. Each input lies in a heap block of exactly
-// its size, so the address sanitizer would see a read behind it. Two calls add 4 GiB to the
-// size, of which only the low 32 bits may reach the decoder: else the cut frame's entropy data
-// would run on behind its end.
+// With the flag off on a processor that allows it, decompressMJPEG() is SimpleJPEGDecoder alone:
+// the same result, planes and log lines as the decoder called directly, also for frames that it
+// refuses (progressive) or fails after concealment (cut in half), where TurboJPEG must not be
+// tried instead. Inputs lie in exact-size heap blocks (the address sanitizer sees reads behind
+// them). Two calls add 4 GiB to the size, of which only the low 32 bits may reach the decoder,
+// or the cut frame's entropy data would run on behind its end.
 TEST_F(SelectionTest, FastPathIsSimpleJPEGDecoderAlone) {
   if (!g_cpu_info_.supports_fast_decoder()) {
     GTEST_SKIP() << "the processor (or VIDRA_CPU_MASK) rules out the fast path";

@@ -1,7 +1,6 @@
-// Hostile and broken input on both decoder paths: every truncation and random bit flips must
-// neither touch bytes outside the planes nor give different results from one run to the next;
-// a few bytes claiming a huge frame must not make a decode allocate much; concurrent decodes
-// (with the path switched under them) must give what one path gives alone.
+// Hostile and broken input on both decoder paths: every truncation and random bit flips touch no
+// byte outside the planes and decode alike every time; a few bytes claiming a huge frame make no
+// large allocation; concurrent decodes (the path switched under them) match one path alone.
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -105,10 +104,9 @@ struct GuardedPlanes {
   std::array<std::vector<uint8_t>, 3> plane;
 };
 
-// Decodes the first `size` bytes of `frame`, copied into a heap buffer of exactly that size, so
-// that a read behind its end is caught by AddressSanitizer. turbo = false calls the library's
-// decoder directly (decompressMJPEG would pick TurboJPEG without SSE4.1). The peak heap of the
-// call, above the level before it, is left in g_last_peak.
+// Decodes the first `size` bytes of `frame` from an exact-size heap copy (AddressSanitizer sees
+// reads behind it); turbo = false calls the library's decoder directly (decompressMJPEG would pick
+// TurboJPEG without SSE4.1). The call's peak heap above the level before it goes to g_last_peak.
 int64_t g_last_peak = 0;
 bool decode(bool turbo, const std::vector<uint8_t>& frame, size_t size, int width, int height,
             GuardedPlanes* out) {
@@ -196,9 +194,8 @@ TEST_F(HardeningTest, PeakHeapIsBoundedForHostileHeadersAndRealFrames) {
   for (const int side : {65535, 30000}) {
     frame[76] = frame[78] = static_cast<uint8_t>(side >> 8);
     frame[77] = frame[79] = static_cast<uint8_t>(side);
-    // The own decoder parses the whole header before it compares sizes, so the claimed size
-    // alone must not make it allocate, whatever the caller expects. (TurboJPEG's allocations go
-    // through malloc and aren't counted.)
+    // The own decoder parses the whole header before it compares sizes: the claimed size must not
+    // make it allocate, whatever the caller's size. (TurboJPEG's mallocs aren't counted.)
     for (const auto& [turbo, width, height] :
          {std::tuple{false, 640, 480}, {false, side, side}, {true, 640, 480}}) {
       EXPECT_FALSE(decode(turbo, frame, frame.size(), width, height, &planes));
@@ -304,8 +301,7 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
                           p.p(2), p.stride[2], options, &r);
     out->status = r.status;
   };
-  // The threads run first, so that they are the first to reach each log site, and all start
-  // with the refused frame.
+  // The threads run first (the first to reach each log site), all starting with the refused frame.
   test::LogCapture capture(/*mjpeg_level=*/2);
   constexpr int kThreads = 8;
   constexpr int kRounds = 10;

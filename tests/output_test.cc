@@ -1,8 +1,6 @@
-// Output assembly: the decoder's planes into the caller's 4:2:0 planes.
-//
-// The decoder is set up by hand, with the header and planes that a frame header and scan
-// header of the given factors produce, so that each layout and each refusal can be reached
-// without encoding a frame.
+// Output assembly: the decoder's planes into the caller's 4:2:0 planes. The decoder is set up by
+// hand, with the header and planes that frame and scan headers of the given factors produce, so
+// that each layout and each refusal is reached without encoding a frame.
 
 #include <gtest/gtest.h>
 
@@ -28,9 +26,8 @@ const char* k420 = "1:2x2 2:1x1 3:1x1";
 const char* k444 = "1:1x1 2:1x1 3:1x1";
 const char* k440 = "1:1x2 2:1x1 3:1x1";  // not handled: grey
 
-// Fills the decoder as the frame header (grid from the largest factors) and the plane
-// allocation of the scan header would, with samples irregular enough that a wrong row, column
-// or plane shows.
+// Fills the decoder as the frame header (grid from the largest factors) and the scan header's
+// plane allocation would, with samples irregular enough that a wrong row, column or plane shows.
 void setUpFrame(SimpleJPEGDecoder* d, int width, int height, const char* factors) {
   d->header_.width_ = width;
   d->header_.height_ = height;
@@ -62,9 +59,8 @@ void dropPlane(SimpleJPEGDecoder* d, int slot) {
   d->channels_[slot].image_ = nullptr;
 }
 
-// The caller's planes, all bytes kUntouched: luma of exactly `height` rows, chroma of
-// height / 2 rows (one row of room when that is 0, to show that it stays as it was), so that a
-// write behind them runs off the heap block.
+// The caller's planes, all kUntouched: luma of exactly `height` rows, chroma of height / 2 (one
+// row of room when that is 0, to show it stays), so that a write behind them runs off the block.
 struct Output {
   Output(int height, int y_stride, int u_stride, int v_stride)
       : stride{y_stride, u_stride, v_stride} {
@@ -154,9 +150,8 @@ TEST(OutputResults, WritesEveryLayout) {
   }
 }
 
-// Each refusal: false, no byte of the caller's planes written, and its one line on "mjpeg" at
-// level 2: the size message, or the text of the JPEG check.
-// The frame is 32x32.
+// Each refusal on a 32x32 frame: false, no byte of the caller's planes written, and its one line
+// on "mjpeg" at level 2: the size message, or the text of the JPEG check.
 TEST(OutputResults, RefusalsLeavePlanesUntouched) {
   void (*const none)(SimpleJPEGDecoder*) = nullptr;
   const struct {

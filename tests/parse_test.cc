@@ -192,10 +192,9 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
   }
 }
 
-// Segments in any order, APPn and COM skipped unread, a later DRI over an earlier one, the
-// component lines of the frame header, and nothing behind the first scan read. Component 4
-// selects quantisation table 200, which nothing looks at as no scan names it, and its plane is
-// cleared to grey rather than left as the allocator had it.
+// Segments in any order, APPn and COM skipped unread, a later DRI over an earlier one, the frame
+// header's component lines, nothing behind the first scan read. Component 4 selects quantisation
+// table 200, unread as no scan names it, and its plane is cleared to grey, not left as allocated.
 TEST(MarkerLoopTest, SegmentsInAnyOrderUpToTheScan) {
   const Bytes before_scan = kSOI + segment(0xDD, {0, 0}) + segment(0xDB, dqt(0) + dqt(1)) +
                             segment(0xE0, {'A', 'V', 'I', '1', 0, 0}) +
@@ -230,10 +229,9 @@ TEST(MarkerLoopTest, SegmentsInAnyOrderUpToTheScan) {
   EXPECT_EQ(std::count(decoder.channels_[4].image_, decoder.channels_[4].image_ + 64, 0x80), 64);
 }
 
-// The default tables are loaded exactly when no DHT segment came, whatever insert_dht says; a
-// DHT segment of length 2, which defines nothing, rules them out all the same. The loop stops at
-// the first SOS marker: a DHT segment that redefines DC table 0 and a second scan behind the
-// first scan's entropy data change nothing.
+// The default tables are loaded exactly when no DHT segment came, whatever insert_dht says; one
+// of length 2, which defines nothing, rules them out all the same. The loop stops at the first
+// SOS: a DHT segment redefining DC table 0 and a second scan, behind the first, change nothing.
 TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
   const Bytes own = test::encodeTestFrame(64, 48, TJSAMP_420);
   const Bytes none = test::stripDHT(own);
@@ -325,8 +323,7 @@ TEST(QuantizationTest, StepsAreScaledInZigzagOrder) {
   // DC is 4q; zigzag 4 (natural 9, factor 31521) holds the largest entry there can be; zigzag
   // 60 (factor 3552) gives 55.5, rounded up; a step of 1 at zigzag 63 (factor 1247) gives 0.
   steps[0] = steps[4] = 255, steps[60] = 64, steps[63] = 1, steps[9] = 0;
-  // Four tables in one segment (Lq 262), these steps the second of them, the bytes behind it
-  // left alone.
+  // Four tables in one segment (Lq 262), these steps the second; the bytes behind it left alone.
   SimpleJPEGDecoder decoder;
   const Bytes bytes = withLength(dqt(3, 1) + dqt(2, steps) + dqt(1, 3) + dqt(0, 4)) + kEOI;
   size_t position = 0;
@@ -370,12 +367,11 @@ TEST(ScanHeaderTest, BlockOrderAndRecords) {
   }
 }
 
-// The checks of the scan header in their order, with the blocks built when the check fires;
-// and scans that pass, odd as they are. Sizes are refused before the planes are allocated: a
-// plane must fit an int32 (65535x65535 would need 4 GiB); frames of more than 32 MiB need a sixth
-// of a byte of input per block, smaller ones go through with no entropy data at all, to be
-// concealed. 6144x6144 is 36 MiB, 589824 blocks, so at least 98304 bytes must remain behind the
-// pairs (Ss, Se and Ah/Al count); 5792x5792 is 724 x 724 blocks, just below 32 MiB.
+// The scan header's checks in order, with the blocks built when one fires, and odd scans that
+// pass. Sizes are refused before planes are allocated: a plane must fit an int32 (65535x65535
+// needs 4 GiB); frames over 32 MiB need a sixth of a byte of input per block, smaller ones pass
+// without entropy data, to be concealed. 6144x6144 is 36 MiB, 589824 blocks: 98304 bytes must
+// remain behind the pairs (Ss, Se, Ah/Al count); 5792x5792 (724 x 724 blocks) is below 32 MiB.
 TEST(ScanHeaderTest, RefusalsAndOddScans) {
   const std::string ns = "len == 1 + ns * 2 + 3 && ns <= 4",
                     not_named = "header_.components_[cs].component_id_ >= 0",
@@ -390,8 +386,7 @@ TEST(ScanHeaderTest, RefusalsAndOddScans) {
       "frame_bytes <= kLargeFrameBytes || input->getRemainingBytes() >= min_entropy_bytes";
   const Bytes td4 = sos({{1, 0x40}});
   const size_t needed = 589824 / 6 - 3;
-  // Components (none: no frame header), the scan header from the length field on, the failed check
-  // (empty: accepted), the block list afterwards, width and height.
+  // Components ({}: no header), scan header from its length on, failed check or "", blocks, size.
   const std::tuple<Comps, Bytes, std::string, std::string, int> cases[] = {
       {k420, {0x00, 0x08, 1, 1, 0, 0, 63}, "input->getLength16(&len)", "", 16},
       {k420, {0x00, 0x05, 1, 1, 0}, "len >= 4", "", 16},
@@ -457,9 +452,8 @@ Bytes sparseFrame(int width, int height, int good_rows) {
   return frame + kEOI;
 }
 
-// More than 80% of the MCUs must decode: 9 of 10, and the one MCU of a frame of one. A frame of
-// height 0 has no MCU: the block list is built, no entropy data is read (there are two bytes),
-// and 0 good MCUs of 0 are no success.
+// More than 80% of the MCUs must decode: 9 of 10, and the one of a frame of one. A frame of height
+// 0 has no MCU: the block list is built, no entropy data read (there are two bytes), 0 of 0 fail.
 TEST(VerdictTest, StrictlyMoreThan80Percent) {
   Bytes no_mcus = sparseFrame(8, 0, 0);
   no_mcus.insert(no_mcus.end() - 2, {0x12, 0x34});
@@ -482,9 +476,8 @@ TEST(VerdictTest, StrictlyMoreThan80Percent) {
   }
 }
 
-// The input bound of large frames refuses no frame that could pass. This frame has 36.8 MB of
-// planes; its first 360 of 438 MCU rows carry two bits per block and the other 78 are empty. It
-// decodes 82% of its MCUs out of about a fifth of a byte per block, and passes.
+// The input bound of large frames refuses no frame that could pass: 36.8 MB of planes, the first
+// 360 of 438 MCU rows with two bits a block: 82% of the MCUs, from a fifth of a byte per block.
 TEST(VerdictTest, LargeSparseFrameWithinTheInputBound) {
   const Bytes frame = sparseFrame(3504, 3504, 360);
   ASSERT_LT(frame.size(), size_t{438} * 438 * 3 / 4);  // below a quarter of a byte per block

@@ -1,8 +1,6 @@
-// The plane operations: box resampling to 4:2:0 and the copy between strides.
-//
-// These call the exported functions, which run the processor's forms behind the guard for
-// empty results. The scalar forms give the same bytes (checkasm) and are the ones exported
-// under VIDRA_CPU_MASK=nosimd.
+// The plane operations: box resampling to 4:2:0 and the copy between strides, through the
+// exported functions (the processor's forms behind the guard for empty results). The scalar forms
+// give the same bytes (checkasm) and are the ones exported under VIDRA_CPU_MASK=nosimd.
 
 #include <gtest/gtest.h>
 
@@ -43,8 +41,7 @@ TEST(Resample, RoundingOfOneResult) {
 }
 
 // Whole planes across the vector step: every result takes rows 2y, 2y + 1 and (4:4:4) columns
-// 2x, 2x + 1, and the stride gaps of the destination stay as they were. A width or height of 0
-// or less writes nothing.
+// 2x, 2x + 1; the destination's stride gaps stay. A width or height of 0 or less writes nothing.
 TEST(Resample, PlanesWithStrideGaps) {
   const int sizes[][2] = {{1, 3}, {15, 3}, {16, 3}, {17, 3}, {33, 3},
                           {8, 0}, {0, 3},  {-3, 3}, {8, -1}};
@@ -74,10 +71,9 @@ TEST(Resample, PlanesWithStrideGaps) {
 }
 
 // Equal positive strides: one block copy of stride * height bytes, the bytes behind `width`
-// (whatever it says, 0 included) and those of the last row too. Otherwise `width` bytes per
-// row, the rest of each destination row kept; that includes equal negative strides
-// (bottom-up planes), which have no block to copy. A height of 0, or a width of 0 or less on
-// the row-by-row way, writes nothing.
+// (whatever it says, 0 included) and those of the last row too. Otherwise `width` bytes per row,
+// the rest of each destination row kept, also for equal negative strides (bottom-up planes): no
+// block to copy. A height of 0, or a width of 0 or less on the row-by-row way, writes nothing.
 TEST(AdaptStrides, BlockCopyOrRowCopy) {
   const struct {
     int src_stride, dst_stride, width, height;

@@ -40,9 +40,8 @@ using Path = DecodePath;
 using Reason = RefusalReason;
 
 // A grey frame, whose layout the own decoder refuses, goes to the fallback and comes out exactly
-// as on the TurboJPEG path (FFmpeg's chroma sampled 1x2: the tool's tests). Frames in other
-// colour spaces are refused on both paths, fallback or not: CMYK, which libjpeg stores as YCCK
-// unless its Adobe segment says otherwise (RGB: the corpus table below).
+// as on the TurboJPEG path (FFmpeg's 1x2 chroma: the tool's tests). CMYK, which libjpeg stores as
+// YCCK unless its Adobe segment says otherwise, is refused on both paths (RGB: the corpus table).
 TEST(FrameReportTest, FallbackForLayoutsNotForColourSpaces) {
   const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   const std::vector<uint8_t> grey = test::encodeTestFrame(64, 48, TJSAMP_GRAY);
@@ -82,8 +81,7 @@ TEST(FrameReportTest, FallbackForLayoutsNotForColourSpaces) {
 }
 
 // With the fallback off and the automatic choice, decodeFrame() is decompressMJPEG() for every
-// corpus frame, clean, damaged or quirky: the same result and the same planes (but for frames
-// in other colour spaces, which it refuses).
+// corpus frame, clean, damaged or quirky (but for other colour spaces, which it refuses).
 TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
   const test::LogCapture quiet(/*mjpeg_level=*/0, /*check_level=*/0);  // refusals expected
   int frames = 0;
@@ -107,8 +105,7 @@ TEST(FrameReportTest, EqualsDecompressMJPEGOnTheWholeCorpus) {
       }
       EXPECT_EQ(out.ok, expected_ok);
       EXPECT_TRUE(out.planes == expected);
-      // The fallback changes nothing for a frame that the own decoder takes or that isn't
-      // unsupported, and takes over the others.
+      // The fallback takes over unsupported frames and changes nothing for the others.
       const Outcome with_fallback = decode(frame, w, h, withDecoder(Decoder::kAuto, true));
       const RefusalReason why = out.report.reason;
       if (why == Reason::kUnsupportedProcess || why == Reason::kUnsupportedLayout) {
@@ -221,8 +218,7 @@ TEST(FrameReportTest, RefusalReasons) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     for (bool fallback : {false, true}) {
-      // Only unsupported processes and layouts go on to the fallback (tested above); every
-      // other refusal stands with the fallback on.
+      // Other refusals stand with the fallback on; unsupported ones go to it (tested above).
       if (fallback &&
           (c.reason == Reason::kUnsupportedProcess || c.reason == Reason::kUnsupportedLayout)) {
         continue;

@@ -90,9 +90,8 @@ TEST(SplitterTest, CutsStreamsAtFrameBoundaries) {
   }
 }
 
-// Every prefix of a stream, and streams damaged at random (flipped bytes, marker-like bytes
-// dropped in, cuts): the splitter stays inside the data, and frames and junk cover every byte
-// once, in order.
+// Every prefix of a stream, and streams damaged at random (flipped bytes, marker-like bytes, cuts):
+// the splitter stays inside the data, and frames and junk cover every byte once, in order.
 TEST(SplitterTest, AccountsForEveryByteOfCutAndDamagedStreams) {
   const Bytes clean = concatFrames({encodeTestFrame(32, 16, TJSAMP_422, 90, 1, 11),
                                     {0x00, 0x01},
@@ -165,9 +164,8 @@ std::vector<Bytes> streamsCutByLaterBytes() {
   };
 }
 
-// Cut from each frame's start on, every prefix of the stream that findFrame() calls final cuts
-// the frame as the whole stream does; and some prefix does for each frame but the last, whose cut
-// may depend on where the stream ends.
+// Cut from each frame's start on, every prefix that findFrame() calls final cuts the frame as the
+// whole stream does; some prefix does for each frame but the last, whose cut may depend on the end.
 TEST(SplitterTest, CallsACutFinalOnlyWhereMoreBytesCantChangeIt) {
   for (const Bytes& stream : streamsCutByLaterBytes()) {
     size_t trailing;
@@ -202,11 +200,11 @@ void expectCutAsTheWholeBuffer(const Bytes& data, std::initializer_list<size_t> 
   }
 }
 
-// Fed in pieces of any size, the stream splitter cuts as the whole buffer is cut: the streams
-// above, marker soup (SOIs, EOIs, SOS and table headers, segments whose lengths run over other
-// markers, fill bytes, zeros), and data full of plausible segments whose end lies behind the next
-// SOI, the case that once made the cut quadratic. A frame without end is cut after the frame
-// limit, also when the input ends soon behind it; the rest is junk up to the next frame.
+// Fed in pieces of any size, the stream splitter cuts as the whole buffer: the streams above,
+// marker soup (SOIs, EOIs, SOS and table headers, segments whose lengths run over other markers,
+// fill bytes, zeros), and plausible segments ending behind the next SOI (which once made the cut
+// quadratic). A frame without end is cut after the frame limit, also when the input ends soon
+// behind it; the rest is junk up to the next frame.
 TEST(SplitterTest, CutsBytesFedInPiecesAsTheWholeBuffer) {
   for (const Bytes& data : streamsCutByLaterBytes())
     expectCutAsTheWholeBuffer(data, {1, 2, 5, 4096, 1 << 20});

@@ -58,8 +58,7 @@ Planes patterned(int width, int height, int y_stride, int uv_stride) {
   return planes;
 }
 
-// "" when equal, else the size of the first plane that differs and the offset of its first
-// differing byte.
+// "" when equal, else the size of the first differing plane and where it first differs.
 std::string firstDifference(const Planes& actual, const Planes& expected) {
   for (auto plane : {&Planes::y, &Planes::u, &Planes::v}) {
     const std::vector<uint8_t>& a = actual.*plane;
@@ -69,12 +68,11 @@ std::string firstDifference(const Planes& actual, const Planes& expected) {
   return "";
 }
 
-// Decodes `frame` with tjDecompressToYUVPlanes() into tight planes of its own and writes into
-// `out` what the TurboJPEG path must write there: luma cropped, chroma halved by the scalar
-// resamplers (which the plane tests prove), grey chroma across whole strides for layouts
-// without a 4:2:0 form, and for a 4:2:0 plane whose stride is TurboJPEG's padded row length
-// whole rows with grey padding. Sets `ok` and returns the level-2 line that goes with a
-// failure, "" for none.
+// Decodes `frame` with tjDecompressToYUVPlanes() into tight planes and writes into `out` what the
+// TurboJPEG path must write there: luma cropped, chroma halved by the scalar resamplers (proven
+// by the plane tests), grey chroma over whole strides for layouts without a 4:2:0 form, and whole
+// rows with grey padding for a 4:2:0 plane whose stride is TurboJPEG's padded row length. Sets
+// `ok`; returns the level-2 line of a failure, "" for none.
 std::string referenceDecode(const Frame& frame, Planes* out, bool* ok) {
   const std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitDecompress(), tjDestroy);
   unsigned char* jpeg = const_cast<unsigned char*>(frame.data());
@@ -141,13 +139,12 @@ bool decodeTurbo(const uint8_t* data, size_t size, bool insert_dht, Planes* p, i
   return ok;
 }
 
-// Decodes `frame` through the entry point into patterned planes of the given strides and
-// compares result, log and every byte of the planes with the reference of `reference_frame`.
-// Only the low 32 bits of the size count there, so 4 GiB are added to it. TurboJPEG falls back
-// on the same standard tables by itself, so the pictures can't tell whether and where the
-// segment went in: the stream that reaches tjDecompressToYUV() shows it. Without `insert_dht`
-// it is the frame itself, in place; with it SOI, the whole segment and the rest of the frame,
-// the frame's own DHT segment included. Returns the result.
+// Decodes `frame` through the entry point (4 GiB added to the size, of which only the low 32
+// bits count) into patterned planes of the given strides; result, log and every byte must match
+// the reference of `reference_frame`. TurboJPEG falls back on the same standard tables itself, so
+// only the stream that reaches tjDecompressToYUV() shows whether and where the segment went in:
+// the frame itself, in place, without `insert_dht`; with it SOI, the whole segment and the rest
+// of the frame, its own DHT segment included. Returns the result.
 bool expectLikeReference(const Frame& frame, bool insert_dht, int width, int height, int y_stride,
                          int uv_stride, const Frame& reference_frame) {
   Planes expected = patterned(width, height, y_stride, uv_stride), actual = expected;
@@ -170,12 +167,11 @@ bool expectLikeReference(const Frame& frame, bool insert_dht, int width, int hei
   return ok;
 }
 
-// All layouts TurboJPEG reports, at sizes whose rows and plane heights TurboJPEG pads (odd
-// sizes, widths not a multiple of 4) and at plain ones, in tight planes and in planes with
-// stride gaps; for 4:2:0 also in planes whose strides are TurboJPEG's padded row lengths
-// (block copies, padding included). Gray, 4:4:0 and 4:1:1 come out with grey chroma. The frames
-// have the standard tables; stripped of their DHT segments and decoded with the default segment put
-// in, they give exactly the planes of the original: the segment holds the tables of T.81 K.3.
+// All layouts TurboJPEG reports, at sizes whose rows and plane heights it pads (odd sizes, widths
+// not a multiple of 4) and at plain ones, in tight planes and with stride gaps; for 4:2:0 also at
+// TurboJPEG's padded row lengths (block copies, padding included). Gray, 4:4:0 and 4:1:1 come out
+// with grey chroma. Stripped of their DHT segments and decoded with the default segment put in,
+// the frames give exactly the planes of the original: the segment holds the tables of T.81 K.3.
 // (Frames that fail, with TurboJPEG's texts: the refusal table below.)
 TEST(TurboGeneratedTest, AllLayoutsSizesAndStrides) {
   const int sizes[][2] = {{64, 48}, {101, 75}, {1279, 721}, {6, 6}, {1, 1}, {1, 2}, {2, 1}};
@@ -198,9 +194,8 @@ TEST(TurboGeneratedTest, AllLayoutsSizesAndStrides) {
   }
 }
 
-// Bottom-up planes (each pointer at the last row, negative strides) get the rows of top-down ones
-// in reverse order, the grey chroma of 4:4:0 and grey frames included, and nothing between rows
-// is written.
+// Bottom-up planes (pointers at the last row, negative strides) get the rows of top-down ones in
+// reverse order, grey chroma (4:4:0, grey frames) included; nothing between rows is written.
 TEST(TurboGeneratedTest, BottomUpPlanes) {
   const int w = 37, h = 21, y_stride = w + 5, uv_stride = w / 2 + 3;
   for (int sub : {TJSAMP_420, TJSAMP_440, TJSAMP_GRAY}) {
@@ -229,11 +224,10 @@ TEST(TurboGeneratedTest, BottomUpPlanes) {
   }
 }
 
-// Each way a frame is refused, with its log line (the text behind the prefix is TurboJPEG's
-// error text of that moment) or none. The planes, stride gaps included, stay untouched, except
-// when only tjDestroy() fails: then they hold the whole frame and the result is false all the
-// same. Streams lie in buffers of exactly their size, so the address sanitizer sees any read
-// behind them.
+// Each way a frame is refused, with its log line (the prefix and TurboJPEG's error text of that
+// moment) or none. The planes, stride gaps included, stay untouched, except when only tjDestroy()
+// fails: then they hold the whole frame and the result is false all the same. Streams lie in
+// buffers of exactly their size, so the address sanitizer sees any read behind them.
 TEST(TurboRefusalTest, EachFailureWithItsLogLine) {
   const Frame frame = test::encodeTestFrame(48, 32, TJSAMP_422, 90, /*restart_rows=*/1);
   const Frame truncated(frame.begin(), frame.begin() + frame.size() * 2 / 3), garbage(8, 0x12);

@@ -1,8 +1,6 @@
 // vidramjpegdec through GstHarness: its pictures against the library's own, downstream buffer
-// layouts, what becomes of damaged and refused frames, byte streams, renegotiation.
-//
-// Frames come from the corpus and from make_streams.sh, which generates more from it at test
-// time ("streams/..."); tests whose frames are missing skip.
+// layouts, what becomes of damaged and refused frames, byte streams, renegotiation. Frames come
+// from the corpus and from make_streams.sh ("streams/..."); tests whose frames are missing skip.
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -82,9 +80,8 @@ Reference decodeReference(const std::vector<uint8_t>& frame,
   return ref;
 }
 
-// Whether the library's automatic choice is its own decoder (SSSE3 and SSE4.1 present and not
-// hidden by VIDRA_CPU_MASK). Else it is TurboJPEG, which conceals nothing and refuses a frame
-// without EOI, and the fallback has nothing to do.
+// Whether the library's automatic choice is its own decoder (SSSE3 and SSE4.1, not masked); else
+// TurboJPEG, which conceals nothing, refuses a frame without EOI and leaves the fallback idle.
 bool ownDecoderRuns() {
   std::vector<uint8_t> frame;
   return readFile("reftest/jpg-size-17x17.jpg", &frame) &&
@@ -102,9 +99,8 @@ GstBuffer* bufferOf(const std::vector<uint8_t>& data, GstClockTime pts = 0) {
   return buffer;
 }
 
-// `buffer` (laid out by its GstVideoMeta, or by default) holds the library's picture, with the
-// chroma column and row that odd sizes add repeating their neighbours, and neutral chroma
-// where the library has none.
+// `buffer` (laid out by its GstVideoMeta, or by default) holds the library's picture, the chroma
+// column and row that odd sizes add repeating their neighbours, neutral where it has no chroma.
 void expectPicture(GstBuffer* buffer, const Reference& ref) {
   GstVideoInfo info;
   gst_video_info_set_format(&info, GST_VIDEO_FORMAT_I420, ref.width, ref.height);
@@ -308,10 +304,9 @@ INSTANTIATE_TEST_SUITE_P(Frames, Outcomes, testing::ValuesIn(kOutcomes),
 
 // ---- Streams -------------------------------------------------------------------------------
 
-// Frames with junk around them, in pieces (of one byte, then of up to 9000) and without
-// timestamps: each frame comes out as soon as its EOI is in (no latency), the last one (without
-// EOI) at the end of the stream, when its decoder takes it. Sizes change from frame to frame:
-// each picture needs buffers renegotiated for it.
+// Frames with junk around them, in pieces (of one byte, then of up to 9000), without timestamps:
+// each frame comes out as soon as its EOI is in (no latency), the last one (without EOI) at the
+// end of the stream. Sizes change from frame to frame, so each picture renegotiates buffers.
 TEST(Stream, BytesAreCutIntoTheirFramesWhateverThePieces) {
   const char* const names[] = {"reftest/jpg-size-17x17.jpg", "reftest/jpg-size-1x1.jpg",
                                "reftest/restarts.jpg", "reftest/jpg-size-33x33.jpg"};
@@ -378,9 +373,9 @@ TEST(Stream, TimestampedFramesArePacketized) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Only this plugin, from the build tree, with the registry there too and scanned in this
-  // process (GStreamer's scanner helper can't load a sanitizer build): the harness needs no
-  // other element, and test discovery and runs by hand find it as CTest's runs do.
+  // Only this plugin, from the build tree, its registry there too and scanned in this process
+  // (GStreamer's scanner can't load a sanitizer build): test discovery and runs by hand find it
+  // as CTest's runs do.
   g_setenv("GST_PLUGIN_PATH_1_0", VIDRA_GST_PLUGIN_DIR, TRUE);
   g_setenv("GST_PLUGIN_SYSTEM_PATH_1_0", "", TRUE);
   g_setenv("GST_REGISTRY_1_0", VIDRA_GST_REGISTRY, TRUE);

@@ -1,9 +1,7 @@
-// Harness that proves every vector routine identical to its scalar twin.
-//
-// Each area of the library has a file checkasm_<area>.cc with tests that build inputs (random
-// and edge cases), run the scalar entry of the table and the vector entry on copies, and
-// compare the outputs byte for byte. The tests skip where the processor (or VIDRA_CPU_MASK)
-// allows no vector forms. VIDRA_CHECKASM_BENCH=1 also prints the time per call of both forms.
+// Harness that proves every vector routine identical to its scalar twin: each checkasm_<area>.cc
+// builds inputs (random and edge cases), runs the table's scalar and vector entries on copies and
+// compares the outputs byte for byte, skipping where the processor (or VIDRA_CPU_MASK) allows no
+// vector forms. VIDRA_CHECKASM_BENCH=1 also prints the time per call of both forms.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -83,9 +81,8 @@ inline std::vector<uint8_t> randomBytes(size_t n) {
   return bytes;
 }
 
-// A source plane of `rows` rows `stride` bytes apart whose allocation ends right behind the
-// `width` bytes of its last row, so that a read past the area the routine may read runs off
-// the heap block (AddressSanitizer reports it). Random contents.
+// A source plane of `rows` rows `stride` bytes apart whose allocation ends right behind the last
+// row's `width` bytes: a read past what the routine may read runs off the heap block. Random.
 inline std::vector<uint8_t> tightPlane(int width, int rows, int stride) {
   if (rows <= 0) return {};
   return randomBytes(static_cast<size_t>(rows - 1) * stride + width);

@@ -16,10 +16,9 @@ jpeg::PlaneFn formOf(const jpeg::DSPFunctions& table, Kind kind) {
 }
 
 // Runs both forms on one source (rows `src_gap` bytes apart beyond what a row reads, starting
-// `src_offset` bytes into the allocation, which ends right behind the last row's area) into
-// guarded destinations, and compares them byte for byte, guards and stride gaps included.
-// With `edges`, the samples are only 0, 1, 254 and 255: every rounding remainder of a sum and
-// both extremes.
+// `src_offset` bytes into an allocation that ends right behind the last row's area) into guarded
+// destinations; compares them byte for byte, guards and stride gaps included. With `edges`, the
+// samples are only 0, 1, 254 and 255: every rounding remainder of a sum and both extremes.
 void compare(Kind kind, int width, int height, int src_gap, int dst_gap, int src_offset,
              int dst_offset, bool edges = false) {
   SCOPED_TRACE(testing::Message() << nameOf(kind) << " " << width << "x" << height << " gaps "
@@ -42,9 +41,8 @@ void compare(Kind kind, int width, int height, int src_gap, int dst_gap, int src
   EXPECT_EQ(actual.firstChangeOutside(), -1);
 }
 
-// Every width up to 70 (short rows, the vector step and its remainder) and a few large ones,
-// odd heights, with and without stride gaps, at source and destination offsets of no
-// particular alignment.
+// Every width up to 70 (short rows, the vector step and its remainder) and a few large ones, odd
+// heights, with and without stride gaps, at source and destination offsets of no alignment.
 TEST(Checkasm_planes, Resample) {
   CHECKASM_REQUIRE_VECTOR();
   for (Kind kind : {Kind::k444, Kind::k422}) {

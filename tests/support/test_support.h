@@ -69,9 +69,8 @@ struct Planes {
   bool operator==(const Planes& o) const { return y == o.y && u == o.u && v == o.v; }
 };
 
-// A frame encoded by TurboJPEG from a deterministic textured picture.
-// `subsampling` is a TJSAMP_* value; `restart_rows` > 0 adds a restart interval of that many
-// MCU rows.
+// A frame encoded from a deterministic textured picture: `subsampling` is a TJSAMP_* value,
+// `restart_rows` > 0 adds a restart interval of that many MCU rows.
 std::vector<uint8_t> encodeTestFrame(int width, int height, int subsampling, int quality = 90,
                                      int restart_rows = 0, unsigned seed = 1);
 

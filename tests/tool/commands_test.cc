@@ -23,8 +23,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// A Y4M file the tool writes: its header, and its size with `frames` frames; the chroma
-// planes round odd sizes up.
+// A Y4M file the tool writes: its header, and its size with `frames` frames (chroma rounded up).
 struct Y4M {
   int width = 0, height = 0, frames = 0;
   std::string fps = "30:1";
@@ -56,8 +55,8 @@ std::string summary(const char* label, long n) {
   return text;
 }
 
-// Runs the tool with `args` and expects exit code `code`, the fragments `out` on stdout and
-// `err` on stderr, and, when `file` is given, the Y4M file `y4m` there.
+// Runs the tool; expects exit code `code`, the fragments `out` on stdout and `err` on stderr,
+// and, when `file` is given, the Y4M file `y4m` there.
 ToolRun check(const std::vector<std::string>& args, int code, const std::vector<std::string>& out,
               const std::vector<std::string>& err, const std::string& file = "",
               const Y4M& y4m = {}) {
@@ -171,12 +170,10 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   writeFile(cut, concatFrames(three));
   three[2].resize(100);
   writeFile(cut_header, concatFrames(three));
-  // A damaged frame header may claim up to 65535x65535: the tool refuses sizes it can't hold
-  // instead of trying to allocate gigabytes.
+  // A damaged frame header may claim up to 65535x65535: refused, not gigabytes allocated.
   writeFile(huge, concatFrames({frames[0], claimingSize(frames[1], 60000, 60000)}));
   // The first frame doesn't decide the output's size: the stream's usual size does. A frame
-  // claiming 8192x8192 with a few bytes of scan is refused at once and doesn't count for the
-  // speed.
+  // claiming 8192x8192 over a few bytes of scan is refused at once, not counted for the speed.
   Bytes big = claimingSize(frames[2], 8192, 8192);
   big.resize(markerAt(big, 0xDA) + 40);
   big.insert(big.end(), {0xFF, 0xD9});
@@ -204,8 +201,7 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
         {"frame 0 (byte 0) is 64x32 but " + out + " holds 640x480", summary("not written", 1),
          summary("refused", 1), "(3 frames; refused ones not counted)"},
         out, {640, 480, 4});
-  // Containers: their frame rate goes into the Y4M header, and there too the first frame
-  // doesn't decide the output's size.
+  // Containers: their frame rate goes into the Y4M header; the first frame decides no size here.
   for (const bool odd_first : {false, true}) {
     const char* format = odd_first ? "matroska" : "avi";
     const std::string clip = dir.file(std::string("clip.") + format);
@@ -247,10 +243,10 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   EXPECT_EQ(countOf(bench.out, "      2 "), 8) << bench.out;  // a 2-thread row per decoder
 }
 
-// A live stream on standard input: the frames written so far come out, flushed, while the
-// input is still open (a frame that ends at its EOI needs no byte behind it; the 20 s are a
-// liveness bound, not a speed measure), and the whole output is what the same bytes give from
-// a file. A pipe without data or without an SOI fails as standard input did when read whole.
+// A live stream on standard input: the frames so far come out, flushed, while the input is open
+// (a frame that ends at its EOI needs no byte behind it; 20 s is a liveness bound, not a speed),
+// and the whole output is what the same bytes give from a file. A pipe without data or without
+// an SOI fails as standard input did when read whole.
 TEST(ToolCommandTest, DecodesALiveStreamOnStandardInputAsItComes) {
   const std::vector<std::string> files = corpusFiles("webcam-480p");
   VIDRA_REQUIRE_CORPUS(files, "webcam-480p");
@@ -290,9 +286,9 @@ TEST(ToolCommandTest, DecodesALiveStreamOnStandardInputAsItComes) {
   }
 }
 
-// A frame with flipped bits that the library's own decoder accepts with a few MCUs concealed:
-// the tool counts it apart from clean frames, and it still counts as accepted (exit 0). (Frames
-// through the fallback, and refused without it: FFmpeg's 4:2:2 below.)
+// A frame with flipped bits that the own decoder accepts with a few MCUs concealed: counted apart
+// from clean frames, and as accepted (exit 0). (The fallback, and refusals without it: FFmpeg's
+// 4:2:2 below.)
 TEST(ToolCommandTest, CountsConcealedFramesApartFromCleanOnes) {
   VIDRA_REQUIRE_CORPUS(corpusFiles("damaged"), "damaged");
   // The tool picks the own decoder by the same probe (VIDRA_CPU_MASK included) as this test.
@@ -332,10 +328,9 @@ long numberAfter(const std::string& text, const std::string& fragment) {
   return at == std::string::npos ? -1 : std::atol(text.c_str() + at + fragment.size());
 }
 
-// FFmpeg's 4:2:2 MJPEG, which the own decoder refuses (chroma sampled 1x2): the TurboJPEG
-// fallback decodes every frame, close to FFmpeg's own decode. Without the fallback the own
-// decoder refuses them all, and bench gives it no speed. (Containers: the test above; other
-// layouts through the fallback: the library's tests.)
+// FFmpeg's 4:2:2 MJPEG, which the own decoder refuses (chroma 1x2): the TurboJPEG fallback
+// decodes every frame, close to FFmpeg's own decode. Without it the own decoder refuses them all,
+// and bench gives it no speed. (Containers: above; other layouts: the library's tests.)
 TEST(ToolCommandTest, DecodesFFmpeg422ThroughTheFallback) {
   if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no ffmpeg here";
   const bool own = CPUInfo().supports_fast_decoder();  // else the TurboJPEG path decodes all
@@ -362,9 +357,8 @@ TEST(ToolCommandTest, DecodesFFmpeg422ThroughTheFallback) {
   check({"bench", raw, "--decoders", "own", "--time", "0"}, 0, {"12/12"}, {});
 }
 
-// Inputs that break off or that would make far more output than they hold: a Matroska file cut
-// short, a raw file of marker-like junk, and frames of a few bytes that claim 4096x4096 (each a
-// failed 24 MiB picture). The output can go to a sink.
+// Inputs that break off or would make far more output than they hold: a Matroska file cut short,
+// marker-like junk, frames of a few bytes that claim 4096x4096 (24 MiB pictures), to a sink.
 TEST(ToolCommandTest, StopsOnInputsThatEndEarlyOrOutgrowTheirSize) {
   TempDir dir;
   const Bytes frame = encodeTestFrame(64, 48, TJSAMP_422);

@@ -1,6 +1,5 @@
-// The tool's parts, tested directly: reading raw MJPEG streams (from files and as they arrive
-// through pipes and FIFOs), reading frame headers, colour conversion, chroma completion, PNG,
-// and the damage the demo does to frames.
+// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes, FIFOs), frame
+// headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -76,9 +75,8 @@ std::vector<Cut> readCuts(tool::FrameReader* reader, const Bytes& stream) {
   return cuts;
 }
 
-// A frame without end from a source that stays open comes out at the frame limit without
-// waiting for the end of the input. The writer holds the pipe open until then (20 s at most, a
-// liveness bound).
+// A frame without end from a source that stays open comes out at the frame limit, before the
+// input ends: the writer holds the pipe open until then (20 s at most, a liveness bound).
 TEST(ToolStreamReaderTest, CutsAnEndlessFrameAtTheLimitWhileThePipeStaysOpen) {
   const size_t limit = 256 << 10;
   Bytes data = {0xFF, 0xD8, 0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00};
@@ -107,8 +105,7 @@ TEST(ToolStreamReaderTest, CutsAnEndlessFrameAtTheLimitWhileThePipeStaysOpen) {
   EXPECT_TRUE(frame.cut_short);
 }
 
-// A file that shrinks while it is read ends with a read error behind the frames before the cut,
-// not with a crash.
+// A file that shrinks while it is read ends in a read error behind the frames before the cut.
 TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
   TempDir dir;
   const std::string file = dir.file("s.mjpeg");

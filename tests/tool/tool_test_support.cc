@@ -47,8 +47,7 @@ std::string quote(const std::string& word) {
   return quoted + "'";
 }
 
-// The shell command that runs the tool with `args`: a sanitizer report exits with 99, and a
-// tool that hangs is stopped after two minutes.
+// The shell command that runs the tool with `args` under runTool's limits.
 std::string toolCommand(const std::vector<std::string>& args) {
   std::string command =
       "ASAN_OPTIONS=\"$ASAN_OPTIONS:exitcode=99\" UBSAN_OPTIONS=\"$UBSAN_OPTIONS:exitcode=99\" "
