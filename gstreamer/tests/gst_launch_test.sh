@@ -5,10 +5,8 @@
 set -euo pipefail
 streams=$1
 corpus=$2
-if [ ! -f "$streams/webcam-480p.avi" ]; then
-  echo "streams absent (no corpus or ffmpeg): skipped"
-  exit 77
-fi
+[ -f "$streams/webcam-480p.avi" ] ||
+  { echo "streams absent (no corpus or ffmpeg): skipped"; exit 77; }
 unset GST_DEBUG
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

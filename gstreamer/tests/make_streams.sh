@@ -5,14 +5,8 @@
 set -euo pipefail
 corpus=$1
 out=$2
-if [ ! -d "$corpus/webcam-480p" ]; then
-  echo "corpus absent ($corpus): no streams made"
-  exit 0
-fi
-if ! command -v ffmpeg >/dev/null; then
-  echo "ffmpeg missing: no streams made"
-  exit 0
-fi
+[ -d "$corpus/webcam-480p" ] || { echo "corpus absent ($corpus): no streams made"; exit 0; }
+command -v ffmpeg >/dev/null || { echo "ffmpeg missing: no streams made"; exit 0; }
 mkdir -p "$out"
 ff() { ffmpeg -nostdin -v error -y "$@"; }
 frame="$corpus/webcam-480p/again-00.jpg"

@@ -69,11 +69,8 @@ Reference decodeReference(const std::vector<uint8_t>& frame,
   ref.height = header.height;
   const int cw = ref.width / 2, ch = ref.height / 2;
   ref.planes[0].resize(size_t(ref.width) * ref.height);
-  ref.planes[1].resize(size_t(cw) * ch + 1);
-  ref.planes[2].resize(size_t(cw) * ch + 1);
-  vj::DecodeOptions options;
-  options.fallback = true;
-  options.decoder = decoder;
+  for (int p : {1, 2}) ref.planes[p].resize(size_t(cw) * ch + 1);
+  const vj::DecodeOptions options{decoder, /*insert_dht=*/true, /*fallback=*/true};
   vj::decodeFrame(frame.data(), frame.size(), ref.width, ref.height, ref.planes[0].data(),
                   ref.width, ref.planes[1].data(), cw, ref.planes[2].data(), cw, options,
                   &ref.report);
@@ -163,11 +160,7 @@ GstPadProbeReturn offerPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
   gst_buffer_pool_config_set_params(config, caps, vinfo.size, 0, 0);
   gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
   gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_ALIGNMENT);
-  GstVideoAlignment align;
-  gst_video_alignment_reset(&align);
-  align.padding_top = 2;
-  align.padding_right = 40;
-  align.padding_bottom = 6;
+  GstVideoAlignment align = {/*top=*/2, /*bottom=*/6, /*left=*/0, /*right=*/40, {}};
   gst_buffer_pool_config_set_video_alignment(config, &align);
   gst_buffer_pool_set_config(pool, config);
   gst_query_add_allocation_pool(query, pool, vinfo.size, 0, 0);
