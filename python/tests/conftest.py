@@ -40,14 +40,13 @@ class _Report(ctypes.Structure):  # vidra_mjpeg_report, with room for its header
     _fields_.append(("header", ctypes.c_uint8 * 256))
 
 
-class CInterface:
-    """vidra_mjpeg_decode() of the library that the module loaded, with fallback on."""
+@pytest.fixture(scope="session")
+def c_decode():
+    """vidra_mjpeg_decode() of the library that the module loaded (dlopen finds it by its soname),
+    with fallback on: decode(data, decoder) gives the packed planes and the report."""
+    lib = ctypes.CDLL("libvidra_mjpeg.so.0")
 
-    def __init__(self):
-        # The module has loaded the library already; dlopen finds it by its soname.
-        self.lib = ctypes.CDLL("libvidra_mjpeg.so.0")
-
-    def decode(self, data, decoder):
+    def decode(data, decoder):
         try:
             w, h = vidra_mjpeg.read_header(data)[:2]
         except vidra_mjpeg.DecodeError:
@@ -59,12 +58,8 @@ class CInterface:
         u, v = y + w * h, y + w * h + (w // 2) * (h // 2)
         # vidra_mjpeg_options: decoder, insert_dht, fallback, then reserved fields left zero.
         options, report = (ctypes.c_int32 * 16)(decoder, 1, 1), _Report()
-        self.lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h, ctypes.c_void_p(y), w,
-                                    ctypes.c_void_p(u), w // 2, ctypes.c_void_p(v), w // 2,
-                                    options, ctypes.byref(report))
+        lib.vidra_mjpeg_decode(data, ctypes.c_size_t(len(data)), w, h, ctypes.c_void_p(y), w,
+                               ctypes.c_void_p(u), w // 2, ctypes.c_void_p(v), w // 2, options,
+                               ctypes.byref(report))
         return planes, report
-
-
-@pytest.fixture(scope="session")
-def c_interface():
-    return CInterface()
+    return decode

@@ -23,9 +23,9 @@ S, R, P = vm.Status, vm.Reason, vm.Path
 @pytest.mark.parametrize("name", [
     "webcam-720p/book-03.jpg", "reftest/jpg-size-17x17.jpg", "damaged/flip-again-00.jpg",
     "damaged/trunc-again-00.jpg", "reftest/jpg-progressive.jpg", "reftest/rgb.jpg"])
-def test_planes_and_report_equal_the_c_interface(name, decoder, c_interface):
+def test_planes_and_report_equal_the_c_interface(name, decoder, c_decode):
     data = corpus_frame(name)
-    planes, report = c_interface.decode(data, ["auto", "own", "turbo"].index(decoder))
+    planes, report = c_decode(data, ["auto", "own", "turbo"].index(decoder))
     try:
         frame = vm.decode_i420(data, decoder=decoder)
     except vm.DecodeError as error:
