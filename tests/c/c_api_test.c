@@ -21,15 +21,11 @@ static uint8_t* read_file(const char* path, size_t* size) {
   FILE* f = fopen(path, "rb");
   if (f == NULL) return NULL;
   fseek(f, 0, SEEK_END);
-  long length = ftell(f);
-  fseek(f, 0, SEEK_SET);
-  uint8_t* data = length > 0 ? malloc((size_t)length) : NULL;
-  if (data != NULL && fread(data, 1, (size_t)length, f) != (size_t)length) {
-    free(data);
-    data = NULL;
-  }
+  *size = (size_t)ftell(f);
+  rewind(f);
+  uint8_t* data = malloc(*size + 1);
+  if (data != NULL) *size = fread(data, 1, *size, f);
   fclose(f);
-  *size = data != NULL ? (size_t)length : 0;
   return data;
 }
 
