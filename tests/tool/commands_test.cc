@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -322,12 +321,6 @@ double psnr(const Bytes& a, const Bytes& b) {
   return sum == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * a.size() / sum);
 }
 
-// The number in "<fragment><number>" in `text`, -1 without it.
-long numberAfter(const std::string& text, const std::string& fragment) {
-  const size_t at = text.find(fragment);
-  return at == std::string::npos ? -1 : std::atol(text.c_str() + at + fragment.size());
-}
-
 // FFmpeg's 4:2:2 MJPEG, which the own decoder refuses (chroma 1x2): the TurboJPEG fallback
 // decodes every frame, close to FFmpeg's own decode. Without it the own decoder refuses them all,
 // and bench gives it no speed. (Containers: above; other layouts: the library's tests.)
@@ -387,7 +380,9 @@ TEST(ToolCommandTest, StopsOnInputsThatEndEarlyOrOutgrowTheirSize) {
   std::vector<Bytes> many(2000, claim);
   writeFile(claims, concatFrames(many));
   const ToolRun run = check({"decode", claims, "-o", "/dev/null"}, 1, {}, {"stopped: pictures"});
-  const long written = numberAfter(run.err, "output     /dev/null: ");
+  const std::string output = "output     /dev/null: ";
+  ASSERT_TRUE(has(run.err, output));
+  const long written = std::atol(run.err.c_str() + run.err.find(output) + output.size());
   EXPECT_GT(written, 0);
   EXPECT_LE(written, 12) << run.err;  // 256 MiB of 24 MiB pictures, and one more
 }
