@@ -75,11 +75,10 @@ std::vector<std::string> LogCapture::jpegChecks() const {
   std::vector<std::string> result;
   for (const LogLine& line : lines_) {
     const size_t at = line.text.find(kMarker);
-    if (line.channel != "mjpeg" || line.level != 2 || at == std::string::npos || at == 0) {
+    if (line.channel != "mjpeg" || line.level != 2 || at == std::string::npos || at == 0 ||
+        line.text.find_first_not_of("0123456789") != at) {
       continue;
     }
-    const std::string number = line.text.substr(0, at);
-    if (number.find_first_not_of("0123456789") != std::string::npos) continue;
     result.push_back(line.text.substr(at + kMarker.size()));
   }
   return result;
