@@ -135,10 +135,8 @@ std::vector<Bytes> streamsCutByLaterBytes() {
     Bytes frame(a.begin(), a.begin() + entropy);
     frame.insert(frame.end(),
                  {0xFF, 0xC4, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)});
-    Bytes body(length - 2, 0x00);
-    body[100] = 0xFF;
-    body[101] = 0xD9;
-    frame.insert(frame.end(), body.begin(), body.end());
+    frame.resize(frame.size() + length - 2, 0x00);
+    frame[entropy + 104] = 0xFF, frame[entropy + 105] = 0xD9;  // 100 bytes into the body
     frame.insert(frame.end(), {0xFF, 0xD9});
     return frame;
   };
