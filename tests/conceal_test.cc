@@ -200,8 +200,7 @@ TEST(FixBadMCUs, RunsInsideTheGridAreInterpolated) {
   for (int y = 4; y <= 8; ++y) spans.push_back({y * 40 + 7, 1});
   expectRepair("RunsInOneColumn", 40, 30, k420, spans,
                run420(7, 4, 8, kInterpolate, run420(7, 10, 10, kInterpolate)));
-  // A failed span of one and a half MCU rows from the left edge: runs of two MCUs in the first
-  // 20 columns, runs of one in the others.
+  // A failed span of 1.5 MCU rows from the left edge: runs of 2 MCUs in 20 columns, 1 elsewhere.
   std::vector<Region> regions;
   for (int x = 0; x < 40; ++x) regions = run420(x, 10, x < 20 ? 11 : 10, kInterpolate, regions);
   expectRepair("SpanOfOneAndAHalfRows", 40, 30, k420, {{10 * 40, 60}}, regions);
@@ -219,8 +218,7 @@ TEST(FixBadMCUs, RunsAtTheEdgesAreCopiedOrGrey) {
 }
 
 TEST(FixBadMCUs, SamplingFactors) {
-  // Luma 3x1 is 24 samples wide, too wide to interpolate: grey. Chroma of the same MCUs is
-  // interpolated or copied as usual.
+  // Luma 3x1 is 24 samples wide, too wide to interpolate: grey; its chroma as usual.
   expectRepair("WideLuma", 4, 6, {{1, 3, 1}, {2, 1, 1}, {3, 1, 1}}, {{9, 1}, {2, 1}},
                {{1, 24, 16, 24, 8, kGrey, 0, 0},
                 {1, 48, 0, 24, 8, kGrey, 0, 0},

@@ -34,8 +34,7 @@ Decoded decode(const std::vector<uint8_t>& frame) {
   EXPECT_TRUE(getJPEGImageSize(frame.data(), frame.size(), &width, &height));
   Decoded d{std::make_unique<SimpleJPEGDecoder>(), Planes(width, height), false};
   Planes& p = d.planes;
-  // The tests run the decoder's steps again on its own planes, which rows decoded straight into
-  // the caller's planes would be missing from.
+  // The tests repeat the decoder's steps on its own planes: no rows straight into the caller's.
   d.decoder->allow_direct_output_ = false;
   d.result = d.decoder->decompress(frame.data(), frame.size(), width, height, true, p.y.data(),
                                    p.y_stride, p.u.data(), p.uv_stride, p.v.data(), p.uv_stride);
@@ -162,8 +161,7 @@ TEST(CameraQuirks, DecodeLikeTheCleanFrame) {
     ASSERT_TRUE(frame.size() > 2 && frame[frame.size() - 2] == 0xFF && frame.back() == 0xD9);
     const Decoded clean = decode(frame);
     ASSERT_TRUE(clean.result) << path;
-    // Junk before restart markers (only frames with markers have somewhere to put it), 6 KiB of
-    // zero padding behind EOI, and a missing EOI.
+    // Junk before restart markers (where there are any), 6 KiB of zeros behind EOI, no EOI.
     std::vector<uint8_t> quirks[] = {withJunk(frame), frame, {frame.begin(), frame.end() - 2}};
     quirks[1].resize(frame.size() + 6 * 1024, 0);
     with_junk += quirks[0] != frame;

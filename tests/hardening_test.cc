@@ -93,8 +93,7 @@ struct GuardedPlanes {
         if (v[i] != kGuard || v.rbegin()[i] != kGuard) return false;
     return true;
   }
-  // Decodes through the library's entry point, which picks the path (Huffman tables are inserted
-  // into frames that have none, throughout this file).
+  // Decodes through the library's entry point, which picks the path (DHT inserted where missing).
   bool decodeMJPEG(const uint8_t* data, size_t size, int width, int height, bool insert_dht) {
     return decompressMJPEG(data, size, width, height, insert_dht, p(0), stride[0], p(1), stride[1],
                            p(2), stride[2]);
@@ -268,8 +267,7 @@ TEST_F(HardeningTest, ConcurrentDecodesMatchOnePathAlone) {
 // log sites that they share are no data race (the ThreadSanitizer run of the test command).
 TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   const std::vector<uint8_t> good = test::encodeTestFrame(96, 64, TJSAMP_422, 85, 1);
-  // All-ones bits, which no code of the tables has, just behind the fourth restart marker: one
-  // span of eight fails.
+  // All-ones bits (no code of the tables) just behind the fourth restart marker: 1 span of 8 fails.
   std::vector<uint8_t> damaged = good;
   const auto span = damaged.begin() + test::markerAt(damaged, 0xD3) + 2;
   ASSERT_LT(span + 4, damaged.end());

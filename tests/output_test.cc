@@ -175,8 +175,7 @@ TEST(OutputResults, RefusalsLeavePlanesUntouched) {
       // A luma factor of 0 (also what a frame without an id 1 has) leaves nothing to copy.
       {"luma h 0", "1:0x1 2:1x1 3:1x1", 32, 32, none, "c[1].h1_ >= 1 && c[1].v1_ >= 1"},
       {"luma v 0", "1:2x0 2:1x1 3:1x1", 32, 32, none, "c[1].h1_ >= 1 && c[1].v1_ >= 1"},
-      // Cr's vertical factor isn't checked; above luma's it halves the grid's rows, so luma
-      // has fewer rows than the frame.
+      // Cr's vertical factor isn't checked; above luma's it halves the grid: luma has too few rows.
       {"high Cr", "1:1x1 2:1x1 3:1x2", 32, 32, none,
        "planeHolds(channels_[1], header_.width_, header_.height_)"},
       {"no luma plane", k420, 32, 32, [](SimpleJPEGDecoder* d) { dropPlane(d, 1); },

@@ -1,5 +1,4 @@
-// The logging and CPU probe layers. (The check macros' lines: the decoder's tests that pin them,
-// in conceal_test, entropy_test, parse_test and report_test.)
+// The logging and CPU probe layers. (The check macros' lines: the decoder tests that pin them.)
 
 #include <gtest/gtest.h>
 
@@ -33,8 +32,7 @@ TEST(LoggingTest, DisabledLevelsEvaluateNothingPrintfSitesAndBreakStep) {
 
   VIDRA_LOGF(3, "mjpeg", "Unhandled JPEG marker %02x", 0xc2);
   EXPECT_EQ(capture.texts(3, "mjpeg"), (std::vector<std::string>{"Unhandled JPEG marker c2"}));
-  // A host that asks messages up to level 3 to break gets handleAssertion() called; with
-  // assertion breaks off, execution simply goes on.
+  // A break level of 3 calls handleAssertion() for such lines; with breaks off, execution goes on.
   setLoggerBreakLevel(3);
   VIDRA_LOGF(3, "mjpeg", "again");
   setLoggerBreakLevel(0);

@@ -207,8 +207,7 @@ TEST(FrameReportTest, RefusalReasons) {
       {"cut in header, own", cut, 64, 48, Decoder::kOwn, Reason::kTruncated},
       {"cut in header, turbo", cut, 64, 48, Decoder::kTurbo, Reason::kTruncated},
       {"too large", huge, 8000, 8000, Decoder::kOwn, Reason::kTooLarge},
-      // Markers that the own decoder's marker loop doesn't take: a fill byte is legal JPEG, a
-      // restart marker or EOI before the scan is damage.
+      // Markers the own loop refuses: a fill byte (legal JPEG), RST0 or EOI before a scan (damage).
       {"fill byte", edited(2, {0xFF}, true), 64, 48, Decoder::kOwn, Reason::kUnsupportedProcess},
       {"RST0 in the header", edited(2, {0xFF, 0xD0}, true), 64, 48, Decoder::kOwn,
        Reason::kBadHeader},

@@ -129,8 +129,7 @@ std::vector<Bytes> streamsCutByLaterBytes() {
   const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
   const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
   const size_t entropy = markerAt(a, 0xDA) + 14;
-  // `a` up to the start of its entropy data, then a DHT marker claiming `length` bytes with an
-  // EOI early inside them, and the frame's EOI behind them.
+  // `a` to its entropy data, a DHT marker claiming `length` bytes with an early EOI inside, an EOI.
   auto claiming = [&](size_t length) {
     Bytes frame(a.begin(), a.begin() + entropy);
     frame.insert(frame.end(),
@@ -146,8 +145,7 @@ std::vector<Bytes> streamsCutByLaterBytes() {
   sos.insert(sos.end(), a.begin() + entropy, a.end());
   const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
   return {
-      // EOI missing: the next SOI ends the frame; or FF D8 00, no SOI, and then an EOI; or a
-      // frame cut inside its tables.
+      // EOI missing: the next SOI ends the frame; FF D8 00 (no SOI), then EOI; a cut in the tables.
       concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk}),
       concatFrames({head(b, b.size() - 20), junk, head(b, 30), a}),
       // Stepped over: the DHT, whose length bytes FF D9 read as an EOI until the segment is

@@ -240,8 +240,7 @@ TEST(TurboRefusalTest, EachFailureWithItsLogLine) {
     out.insert(std::search(out.begin() + 2, out.end(), marker, marker + 2), n, 0x11);
     return out;
   };
-  // A few bytes in front of a restart marker may vanish in the bits that the entropy decoder
-  // reads ahead; 64 of them can't.
+  // A few bytes before a restart marker may vanish in the entropy decoder's read-ahead; 64 can't.
   const Frame sos_junk = junk(0xDA, 3), rst_junk = junk(0xD0, 64);
   const char* kHeader = "Error decoding (M)JPEG header: ";
   const char* kImage = "Error decoding (M)JPEG image: ";

@@ -59,8 +59,7 @@ class LogCapture {
   std::vector<LogLine> lines_;
 };
 
-// Three planes in I420 layout with their own strides, filled with a pattern so that tests can
-// see which bytes a decoder wrote.
+// Three I420 planes with their own strides, filled with a pattern that shows the bytes written.
 struct Planes {
   Planes(int width, int height, int y_stride = 0, int uv_stride = 0, uint8_t fill = 0xA5);
   int width, height, y_stride, uv_stride;

@@ -121,8 +121,7 @@ TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
   EXPECT_TRUE(has(error, file + ": the file shrank while it was read (from ")) << error;
 }
 
-// open() reads a FIFO as a stream while another thread is still writing it: a lone frame, and
-// frames with junk, come out as from a file.
+// open() reads a FIFO as a stream while another thread writes it: frames come out as from a file.
 TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
   signal(SIGPIPE, SIG_IGN);  // a reader that gives up early must not stop the test
   TempDir dir;

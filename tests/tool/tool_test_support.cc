@@ -142,8 +142,7 @@ std::string muxMJPEG(const std::string& path, const char* format,
   const bool started = ok;
   AVPacket* packet = av_packet_alloc();
   for (size_t i = 0; i < frames.size() && ok; ++i) {
-    // Not reference-counted: the muxer copies the data. The muxer may have changed the time
-    // base when it wrote the header.
+    // Not reference-counted: the muxer copies the data; the header may have changed the time base.
     packet->data = const_cast<uint8_t*>(frames[i].data());
     packet->size = static_cast<int>(frames[i].size());
     packet->pts = packet->dts = av_rescale_q(static_cast<int64_t>(i), rate, stream->time_base);

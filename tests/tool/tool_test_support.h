@@ -1,5 +1,4 @@
-// Helpers for the vidra-mjpeg tool tests: running the tool, scratch folders, streams and
-// video files made from frames, and reading back what the tool wrote.
+// Helpers for the tool tests: running the tool, scratch folders, video files, reading back output.
 #pragma once
 
 #include <gtest/gtest.h>
