@@ -278,10 +278,9 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   const std::vector<uint8_t>* frames[] = {&cut, &damaged, &grey, &good};
   constexpr int kFrames = 4;
 
-  DecodeOptions options;
-  options.decoder = Decoder::kOwn;
-  options.fallback = true;
+  const DecodeOptions options{Decoder::kOwn, /*insert_dht=*/true, /*fallback=*/true};
   struct Result {
+    int frame, report;  // what was decoded, and how
     bool ok;
     FrameStatus status;
     GuardedPlanes planes{96, 64};
@@ -289,14 +288,11 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   auto run = [&](int frame, bool report, Result* out) {
     const std::vector<uint8_t>& f = *frames[frame];
     GuardedPlanes& p = out->planes;
-    if (!report) {
-      out->ok = p.decodeMJPEG(f.data(), f.size(), 96, 64, true);
-      out->status = FrameStatus::kClean;
-      return;
-    }
-    FrameReport r;
-    out->ok = decodeFrame(f.data(), f.size(), 96, 64, p.p(0), p.stride[0], p.p(1), p.stride[1],
-                          p.p(2), p.stride[2], options, &r);
+    FrameReport r;  // its status stays as it is without the report
+    out->frame = frame, out->report = report;
+    out->ok = report ? decodeFrame(f.data(), f.size(), 96, 64, p.p(0), p.stride[0], p.p(1),
+                                   p.stride[1], p.p(2), p.stride[2], options, &r)
+                     : p.decodeMJPEG(f.data(), f.size(), 96, 64, true);
     out->status = r.status;
   };
   // The threads run first (the first to reach each log site), all starting with the refused frame.
@@ -309,10 +305,8 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   for (int t = 0; t < kThreads; ++t) {
     workers.emplace_back([&, t] {
       while (!start.load()) std::this_thread::yield();
-      for (int round = 0; round < kRounds; ++round) {
-        for (int f = 0; f < kFrames; ++f) {
-          run(f, (t + round) % 2, &results[(t * kRounds + round) * kFrames + f]);
-        }
+      for (int i = 0; i < kRounds * kFrames; ++i) {  // i = round * kFrames + frame
+        run(i % kFrames, (t + i / kFrames) % 2, &results[t * kRounds * kFrames + i]);
       }
     });
   }
@@ -320,18 +314,15 @@ TEST_F(HardeningTest, ConcurrentRefusalsConcealmentAndFallback) {
   for (std::thread& t : workers) t.join();
 
   Result alone[kFrames][2];
-  for (int f = 0; f < kFrames; ++f) {
-    for (int report = 0; report < 2; ++report) run(f, report, &alone[f][report]);
-  }
+  for (int i = 0; i < 2 * kFrames; ++i) run(i / 2, i % 2, &alone[i / 2][i % 2]);
   ASSERT_EQ(alone[0][1].status, FrameStatus::kRefused);
   ASSERT_EQ(alone[1][1].status, FrameStatus::kConcealed);
   ASSERT_TRUE(alone[2][1].ok);
   int mismatches = 0;
-  for (size_t i = 0; i < results.size(); ++i) {  // i = (t * kRounds + round) * kFrames + f
-    const Result& expected =
-        alone[i % kFrames][(i / kFrames / kRounds + i / kFrames % kRounds) % 2];
-    mismatches += results[i].ok != expected.ok || results[i].status != expected.status ||
-                  !(results[i].planes == expected.planes);
+  for (const Result& r : results) {
+    const Result& expected = alone[r.frame][r.report];
+    mismatches +=
+        r.ok != expected.ok || r.status != expected.status || !(r.planes == expected.planes);
   }
   EXPECT_EQ(mismatches, 0);
   EXPECT_TRUE(capture.contains("mjpeg", "JPEG assertion failed"));
