@@ -59,15 +59,13 @@ static void check_frame(const uint8_t* frame, size_t size) {
   vidra_mjpeg_set_log_sink(count_lines, &lines);
   memset(picture, 0x5A, bytes);
   options.decoder = VIDRA_MJPEG_DECODER_OWN;
-  CHECK(vidra_mjpeg_decode(frame, size, w, h - 2, y, w, u, w / 2, v, w / 2, &options, &report) ==
-        0);
+  CHECK(!vidra_mjpeg_decode(frame, size, w, h - 2, y, w, u, w / 2, v, w / 2, &options, &report));
   CHECK(report.reason == VIDRA_MJPEG_REASON_SIZE_MISMATCH);
   CHECK(picture[0] == 0x5A && picture[bytes - 1] == 0x5A);
   CHECK(lines > 0);
   const int lines_before = lines;
   vidra_mjpeg_set_log_level("mjpeg", 0);
-  CHECK(vidra_mjpeg_decode(frame, size, w, h - 2, y, w, u, w / 2, v, w / 2, &options, &report) ==
-        0);
+  CHECK(!vidra_mjpeg_decode(frame, size, w, h - 2, y, w, u, w / 2, v, w / 2, &options, &report));
   CHECK(lines == lines_before);
   vidra_mjpeg_set_log_level("mjpeg", 2);
   vidra_mjpeg_set_log_sink(NULL, NULL);
@@ -81,17 +79,16 @@ int main(int argc, char** argv) {
   vidra_mjpeg_report report;
   uint8_t plane[64];
   const uint8_t junk[] = {0x12, 0x34};
-  CHECK(vidra_mjpeg_decode(NULL, 0, 8, 8, plane, 8, plane, 4, plane, 4, NULL, &report) == 0);
+  CHECK(!vidra_mjpeg_decode(NULL, 0, 8, 8, plane, 8, plane, 4, plane, 4, NULL, &report));
   CHECK(report.reason == VIDRA_MJPEG_REASON_INVALID_ARGUMENT);
-  CHECK(vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, NULL, NULL) == 0);
+  CHECK(!vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, NULL, NULL));
   vidra_mjpeg_options options;
   vidra_mjpeg_options_init(&options);
   options.decoder = 7;
-  CHECK(vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, &options,
-                           &report) == 0);
+  CHECK(!vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, &options,
+                            &report));
   CHECK(report.reason == VIDRA_MJPEG_REASON_INVALID_ARGUMENT);
-  CHECK(vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, NULL, &report) ==
-        0);
+  CHECK(!vidra_mjpeg_decode(junk, sizeof junk, 8, 8, plane, 8, plane, 4, plane, 4, NULL, &report));
   CHECK(report.reason == VIDRA_MJPEG_REASON_NOT_JPEG);
   vidra_mjpeg_header header;
   CHECK(vidra_mjpeg_read_header(junk, sizeof junk, &header) == 0 && header.width == 0);
