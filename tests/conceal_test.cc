@@ -163,8 +163,7 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
   LogCapture log(8, 1);
   d.fixBadMCUs();
   EXPECT_TRUE(log.lines().empty()) << "repair logs nothing";
-  // Nothing is booked as repaired.
-  EXPECT_TRUE(d.bad_mcus_ == map && d.valid_mcus_ == 77);
+  EXPECT_TRUE(d.bad_mcus_ == map && d.valid_mcus_ == 77) << "booked as repaired";
 
   auto expected = before;
   for (const Region& r : regions) {
@@ -179,9 +178,8 @@ void expectRepair(const char* name, int mcus_x, int mcus_y, const std::vector<Fa
     }
   }
   for (int slot = 0; slot < kMaxComponents; ++slot) {
-    const uint8_t* after = d.channels_[slot].image_;
     const auto& e = expected[slot];
-    const size_t i = std::mismatch(e.begin(), e.end(), after).first - e.begin();
+    const size_t i = std::mismatch(e.begin(), e.end(), d.channels_[slot].image_).first - e.begin();
     EXPECT_EQ(i, e.size()) << "slot " << slot << " differs at byte " << i;
   }
 }
