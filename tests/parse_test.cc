@@ -468,9 +468,8 @@ TEST(VerdictTest, StrictlyMoreThan80Percent) {
     EXPECT_EQ(decompress(&decoder, mcus ? sparseFrame(8, 8 * mcus, mcus - bad_mcus) : no_mcus, 8,
                          8 * mcus, &planes),
               ok);
-    EXPECT_EQ(decoder.total_mcus_, mcus);
-    EXPECT_EQ(decoder.valid_mcus_, mcus - bad_mcus);
-    EXPECT_EQ(decoder.mcu_blocks_.size(), 3u);
+    EXPECT_EQ(std::make_tuple(decoder.total_mcus_, decoder.valid_mcus_, decoder.mcu_blocks_.size()),
+              std::make_tuple(mcus, mcus - bad_mcus, size_t{3}));
     EXPECT_EQ(capture.contains("mjpeg", "Read 0 bytes of entropy data."), mcus == 0);
     EXPECT_TRUE(capture.jpegChecks().empty());
   }
