@@ -97,11 +97,11 @@ void prepare(SimpleJPEGDecoder* decoder, const Comps& comps, int width = 16, int
   ASSERT_TRUE(decoder->parseDHT(&dht));
 }
 
-bool decompress(SimpleJPEGDecoder* decoder, const Bytes& frame, int width, int height,
-                test::Planes* planes, bool insert_dht = false) {
-  return decoder->decompress(frame.data(), frame.size(), width, height, insert_dht,
-                             planes->y.data(), planes->y_stride, planes->u.data(),
-                             planes->uv_stride, planes->v.data(), planes->uv_stride);
+bool decompress(SimpleJPEGDecoder* decoder, const Bytes& frame, test::Planes* p,
+                bool insert_dht = false) {
+  return decoder->decompress(frame.data(), frame.size(), p->width, p->height, insert_dht,
+                             p->y.data(), p->y_stride, p->u.data(), p->uv_stride, p->v.data(),
+                             p->uv_stride);
 }
 
 bool sameTables(const SimpleJPEGDecoder& a, const SimpleJPEGDecoder& b) {
@@ -186,7 +186,7 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
     SimpleJPEGDecoder decoder;
     test::Planes planes(16, 16);
     LogCapture capture(/*mjpeg_level=*/3);
-    EXPECT_FALSE(decompress(&decoder, c.first, 16, 16, &planes));
+    EXPECT_FALSE(decompress(&decoder, c.first, &planes));
     EXPECT_EQ(capture.jpegChecks() + capture.texts(3, "mjpeg"), c.second);
     EXPECT_TRUE(planes == fresh);
   }
@@ -206,7 +206,7 @@ TEST(MarkerLoopTest, SegmentsInAnyOrderUpToTheScan) {
   SimpleJPEGDecoder decoder;
   test::Planes planes(16, 16);
   LogCapture capture(/*mjpeg_level=*/8);
-  decompress(&decoder, frame, 16, 16, &planes);
+  decompress(&decoder, frame, &planes);
   std::string lines;  // level and text of each line up to the scan's end, code lines left out
   for (const test::LogLine& line : capture.lines()) {
     if (line.text.rfind("    symbol:", 0) == 0 || line.channel != "mjpeg" || line.level < 6) {
@@ -242,7 +242,7 @@ TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
   SimpleJPEGDecoder defaults, nothing, reference;
   prepare(&defaults, {});
   test::Planes expected(64, 48);
-  ASSERT_TRUE(decompress(&reference, own, 64, 48, &expected));
+  ASSERT_TRUE(decompress(&reference, own, &expected));
   const std::pair<const Bytes*, const SimpleJPEGDecoder*> cases[] = {
       {&own, &reference}, {&none, &defaults}, {&empty, &nothing}, {&later, &reference}};
   for (const auto& c : cases) {
@@ -251,7 +251,7 @@ TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
       SimpleJPEGDecoder decoder;
       test::Planes planes(64, 48);
       LogCapture capture(/*mjpeg_level=*/7);
-      EXPECT_EQ(decompress(&decoder, *c.first, 64, 48, &planes, insert_dht), c.second != &nothing);
+      EXPECT_EQ(decompress(&decoder, *c.first, &planes, insert_dht), c.second != &nothing);
       EXPECT_EQ(capture.contains("mjpeg", "Parsing default DHT"), c.second == &defaults);
       EXPECT_NE(decoder.dht_seen_, c.second == &defaults);
       EXPECT_EQ(decoder.mcu_blocks_.size(), 6u);  // the scan was reached in every case
@@ -465,9 +465,9 @@ TEST(VerdictTest, StrictlyMoreThan80Percent) {
     SimpleJPEGDecoder decoder;
     test::Planes planes(8, 8 * mcus);
     LogCapture capture(/*mjpeg_level=*/7);
-    EXPECT_EQ(decompress(&decoder, mcus ? sparseFrame(8, 8 * mcus, mcus - bad_mcus) : no_mcus, 8,
-                         8 * mcus, &planes),
-              ok);
+    EXPECT_EQ(
+        decompress(&decoder, mcus ? sparseFrame(8, 8 * mcus, mcus - bad_mcus) : no_mcus, &planes),
+        ok);
     EXPECT_EQ(std::make_tuple(decoder.total_mcus_, decoder.valid_mcus_, decoder.mcu_blocks_.size()),
               std::make_tuple(mcus, mcus - bad_mcus, size_t{3}));
     EXPECT_EQ(capture.contains("mjpeg", "Read 0 bytes of entropy data."), mcus == 0);
@@ -482,7 +482,7 @@ TEST(VerdictTest, LargeSparseFrameWithinTheInputBound) {
   ASSERT_LT(frame.size(), size_t{438} * 438 * 3 / 4);  // below a quarter of a byte per block
   SimpleJPEGDecoder decoder;
   test::Planes planes(3504, 3504);
-  EXPECT_TRUE(decompress(&decoder, frame, 3504, 3504, &planes));
+  EXPECT_TRUE(decompress(&decoder, frame, &planes));
   EXPECT_EQ(decoder.valid_mcus_, 360 * 438);
 }
 
