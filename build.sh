@@ -13,7 +13,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(cmake ninja-build g++ pkg-config libturbojpeg0-dev libjpeg62-turbo-dev libgtest-dev
           libbenchmark-dev libpng-dev libavformat-dev libavcodec-dev libavutil-dev
-          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs imagemagick
+          clang libclang-rt-14-dev ffmpeg libjpeg-turbo-progs
           libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
           gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
           pybind11-dev python3-dev python3-numpy python3-pytest python3-av python3-opencv
