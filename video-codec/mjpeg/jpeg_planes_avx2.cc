@@ -1,6 +1,6 @@
 // AVX2 forms of the box resamplers: the steps of jpeg_planes_sse41.cc on 32 results at a time.
 // Each row's columns in whole steps of 32 are done here; the strip of columns behind them goes
-// to the SSE4.1 form (which hands its own rest to the scalar formula), so that the source area
+// to the SSE4.1 form (which hands its own rest to the scalar form), so that the source area
 // read and the bytes written are exactly those of the scalar forms.
 
 #include <immintrin.h>

@@ -1,8 +1,8 @@
 // Vector forms of the box resamplers (SSSE3 + SSE4.1).
 //
-// Both take 16 results per step with unaligned loads and stores, and hand the rest of a row
-// (and every row narrower than 16) to the scalar formula, so that they read exactly the
-// source area of the scalar forms and write exactly the same bytes.
+// Both take 16 results per step with unaligned loads and stores over the columns in whole
+// steps of 16, and hand the strip of columns behind them to the scalar form, so that they read
+// exactly the source area of the scalar forms and write exactly the same bytes.
 
 #include <emmintrin.h>
 #include <smmintrin.h>
@@ -21,14 +21,14 @@ namespace jpeg {
 // form, and packs back to bytes.
 void resample444To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                             int width, int height) {
+  const int wide = width / 16 * 16;
   const __m128i ones = _mm_set1_epi8(1);
   const __m128i round = _mm_set1_epi16(1);
-  for (int y = 0; y < height; ++y) {
+  for (int y = 0; y < height && wide > 0; ++y) {
     const uint8_t* a = src + static_cast<ptrdiff_t>(2 * y) * src_stride;
     const uint8_t* b = a + src_stride;
     uint8_t* out = dst + static_cast<ptrdiff_t>(y) * dst_stride;
-    int x = 0;
-    for (; x + 16 <= width; x += 16) {
+    for (int x = 0; x < wide; x += 16) {
       const __m128i a0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + 2 * x));
       const __m128i a1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + 2 * x + 16));
       const __m128i b0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 2 * x));
@@ -39,10 +39,9 @@ void resample444To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, in
       hi = _mm_srli_epi16(_mm_add_epi16(hi, round), 2);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm_packus_epi16(lo, hi));
     }
-    for (; x < width; ++x) {
-      const unsigned sum = a[2 * x] + a[2 * x + 1] + b[2 * x] + b[2 * x + 1];
-      out[x] = static_cast<uint8_t>((sum + 1) >> 2);
-    }
+  }
+  if (wide < width) {
+    resample444To420_c(src + 2 * wide, src_stride, dst + wide, dst_stride, width - wide, height);
   }
 }
 
@@ -50,19 +49,19 @@ void resample444To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, in
 // (a + b + 1) >> 1 per byte.
 void resample422To420_sse41(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                             int width, int height) {
-  for (int y = 0; y < height; ++y) {
+  const int wide = width / 16 * 16;
+  for (int y = 0; y < height && wide > 0; ++y) {
     const uint8_t* a = src + static_cast<ptrdiff_t>(2 * y) * src_stride;
     const uint8_t* b = a + src_stride;
     uint8_t* out = dst + static_cast<ptrdiff_t>(y) * dst_stride;
-    int x = 0;
-    for (; x + 16 <= width; x += 16) {
+    for (int x = 0; x < wide; x += 16) {
       const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
       const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
       _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm_avg_epu8(va, vb));
     }
-    for (; x < width; ++x) {
-      out[x] = static_cast<uint8_t>((a[x] + b[x] + 1u) >> 1);
-    }
+  }
+  if (wide < width) {
+    resample422To420_c(src + wide, src_stride, dst + wide, dst_stride, width - wide, height);
   }
 }
 
