@@ -26,10 +26,7 @@
 
 #include "huffman_entry.h"
 #include "mcu_kernel.h"
-
-#ifndef VIDRA_ALWAYS_INLINE
-#define VIDRA_ALWAYS_INLINE inline __attribute__((always_inline))
-#endif
+#include "reconstruct_common.h"  // VIDRA_ALWAYS_INLINE
 
 namespace vidra {
 namespace jpeg {

@@ -9,9 +9,8 @@
 
 #include <cstdint>
 
-#ifndef VIDRA_ALWAYS_INLINE
+// Forces inlining where the compiler's estimate would keep a call in the kernel's loop.
 #define VIDRA_ALWAYS_INLINE inline __attribute__((always_inline))
-#endif
 
 namespace vidra {
 namespace jpeg {

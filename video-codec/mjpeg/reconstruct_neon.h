@@ -17,10 +17,6 @@
 
 #include "reconstruct_common.h"
 
-#ifndef VIDRA_ALWAYS_INLINE
-#define VIDRA_ALWAYS_INLINE inline __attribute__((always_inline))
-#endif
-
 namespace vidra {
 namespace jpeg {
 namespace {
