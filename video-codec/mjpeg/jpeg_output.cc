@@ -116,6 +116,8 @@ bool SimpleJPEGDecoder::outputResults(int width, int height, uint8_t* y, int y_s
   // The caller's planes are complete; the decoder keeps no pointer to them.
   caller_ = CallerPlanes();
   for (int32_t& rows : direct_rows_) rows = 0;
+  direct_blocks_.clear();
+  direct_mcu_rows_ = 0;
   return true;
 }
 
