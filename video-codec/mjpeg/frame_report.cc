@@ -12,6 +12,7 @@
 #include "frame_header.h"
 #include "jpeg.h"
 #include "jpeg_check.h"
+#include "jpeg_dsp.h"
 #include "jpeg_turbo.h"
 #include "mjpeg.h"
 
@@ -159,17 +160,13 @@ bool decodeTurbo(const uint8_t* data, size_t size, int width, int height, uint8_
 }  // namespace
 
 Decoder automaticDecoder() {
-  // decompressMJPEG()'s rule: the force flag, read once, then the processor.
+  // The rule of decompressMJPEG(), which asks this: the force flag, read once, then the
+  // processor.
   const bool force_turbo = __atomic_load_n(&g_force_use_jt_decoder, __ATOMIC_RELAXED);
   return !force_turbo && g_cpu_info_.supports_fast_decoder() ? Decoder::kOwn : Decoder::kTurbo;
 }
 
-const char* vectorLevel() {
-  // The function table upgrades level by level in the same order (jpeg_dsp.cc).
-  if (g_cpu_info_.supports_fast_decoder()) return g_cpu_info_.has_avx2() ? "AVX2" : "SSE4.1";
-  if (g_cpu_info_.has_neon()) return "NEON";
-  return "none";
-}
+const char* vectorLevel() { return dsp().level; }
 
 const char* refusalReasonText(RefusalReason reason) {
   switch (reason) {

@@ -13,6 +13,7 @@ void initDSPScalar(DSPFunctions* dsp) {
   dsp->interpolateRange16 = interpolateRange16_c;
   dsp->reconstructBlock = reconstructBlock_c;
   dsp->decodeMCUSpan = decodeMCUSpan_c;
+  dsp->level = "none";
 }
 
 void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
@@ -23,11 +24,13 @@ void initDSPx86(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->interpolateRange16 = interpolateRange16_sse41;
   dsp->reconstructBlock = reconstructBlock_sse41;
   dsp->decodeMCUSpan = decodeMCUSpan_sse41;
+  dsp->level = "SSE4.1";
 
   if (!cpu.has_avx2()) return;
   dsp->resample444To420 = resample444To420_avx2;
   dsp->resample422To420 = resample422To420_avx2;
   dsp->decodeMCUSpan = decodeMCUSpan_avx2;
+  dsp->level = "AVX2";
 #else
   (void)dsp;
   (void)cpu;
@@ -42,6 +45,7 @@ void initDSPArm(DSPFunctions* dsp, const CPUInfo& cpu) {
   dsp->interpolateRange16 = interpolateRange16_neon;
   dsp->reconstructBlock = reconstructBlock_neon;
   dsp->decodeMCUSpan = decodeMCUSpan_neon;
+  dsp->level = "NEON";
 #else
   (void)dsp;
   (void)cpu;

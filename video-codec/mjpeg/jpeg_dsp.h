@@ -43,6 +43,7 @@ struct DSPFunctions {
   Interpolate16Fn interpolateRange16;
   ReconstructFn reconstructBlock;
   DecodeSpanFn decodeMCUSpan;
+  const char* level;  // the level of the table's forms: "none", "SSE4.1", "AVX2" or "NEON"
 };
 
 // Fills `dsp` with the scalar forms.

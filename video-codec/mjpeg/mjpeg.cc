@@ -26,8 +26,8 @@ bool decompressMJPEG(const uint8_t* data, size_t size, int width, int height, bo
                      uint8_t* y, int y_stride, uint8_t* u, int u_stride, uint8_t* v, int v_stride) {
   // Only the low 32 bits of `size` reach either decoder.
   const uint32_t size32 = static_cast<uint32_t>(size);
-  const bool force_turbo = __atomic_load_n(&g_force_use_jt_decoder, __ATOMIC_RELAXED);
-  if (!force_turbo && g_cpu_info_.supports_fast_decoder()) {
+  // The force flag, read once, then the processor (see automaticDecoder()).
+  if (automaticDecoder() == Decoder::kOwn) {
     SimpleJPEGDecoder decoder;
     return decoder.decompress(data, size32, width, height, insert_dht, y, y_stride, u, u_stride, v,
                               v_stride);
