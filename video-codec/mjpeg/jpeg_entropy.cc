@@ -55,7 +55,8 @@ bool SimpleJPEGDecoder::decodeEntropyData(const uint8_t* data, size_t length,
     return true;
   }
 
-  // The tables of a frame without DHT segments come with their wide levels.
+  // Tables that equal the default ones (in a frame without DHT segments, or one that sends
+  // them) take the wide levels kept with those.
   std::vector<WideLevels::Ready> ready;
   for (int i = 0; i < 2; ++i) {
     for (const bool is_ac : {false, true}) {
