@@ -7,6 +7,7 @@
 #include <string>
 
 #include "input/frame_reader.h"
+#include "vidra/splitter.h"
 
 namespace vidra {
 namespace tool {
@@ -14,7 +15,7 @@ namespace tool {
 // A frame still open after this many bytes is cut there (vidra::jpeg::MJPEGStreamSplitter), so
 // that a stream without frame ends can't fill the memory. Files get more room than pipes, whose
 // frames come from a live source.
-constexpr size_t kStreamFrameLimit = size_t{64} << 20;
+constexpr size_t kStreamFrameLimit = jpeg::MJPEGStreamSplitter::kDefaultFrameLimit;
 constexpr size_t kFileFrameLimit = size_t{256} << 20;
 
 // What a read(2) asks for.
