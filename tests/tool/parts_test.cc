@@ -1,5 +1,5 @@
-// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes, FIFOs), frame
-// headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
+// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes, FIFOs), colour
+// conversion, chroma completion, PNG, and the damage the demo does to frames.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,12 +20,10 @@
 #include <vector>
 
 #include "cli/cli.h"
-#include "decoding/decoding.h"
 #include "demo/damage.h"
 #include "demo/demo_scene.h"
 #include "demo/webcam_encoder.h"
 #include "input/frame_reader.h"
-#include "input/jpeg_headers.h"
 #include "output/image.h"
 #include "output/png_writer.h"
 #include "support/test_support.h"
@@ -150,35 +148,6 @@ TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
   }
 }
 
-// Layouts by name, and libjpeg's own tables come out as exactly the quality that made them.
-TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
-  struct Case {
-    int width, height, subsampling, quality;
-    const char* sampling;
-  } cases[] = {
-      {64, 32, TJSAMP_422, 90, "4:2:2 (2x1,1x1,1x1)"},
-      {64, 32, TJSAMP_420, 5, "4:2:0 (2x2,1x1,1x1)"},
-      {40, 24, TJSAMP_444, 25, "4:4:4 (1x1,1x1,1x1)"},
-      {33, 17, TJSAMP_440, 50, "4:4:0 (1x2,1x1,1x1)"},
-      {64, 8, TJSAMP_411, 75, "4:1:1 (4x1,1x1,1x1)"},
-      {24, 16, TJSAMP_GRAY, 100, "grey (1x1)"},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(test.sampling);
-    const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
-    const tool::JPEGHeaderInfo header = tool::readJPEGHeader(frame.data(), frame.size());
-    ASSERT_TRUE(header.ok()) << header.error;
-    jpeg::FrameHeader layout;
-    ASSERT_TRUE(jpeg::readFrameHeader(frame.data(), frame.size(), &layout));
-    EXPECT_EQ(tool::layoutName(layout), test.sampling);
-    double distance = -1;
-    EXPECT_EQ(tool::estimateQuality(header.dqt[header.components[0].tq], &distance), test.quality);
-    EXPECT_EQ(distance, 0.0);
-    // Stripping the DHT segments leaves everything else as it was.
-    EXPECT_EQ(tool::stripDHTSegments(frame), stripDHT(frame));
-  }
-}
-
 TEST(ToolImageTest, ConvertsBT601FullRange) {
   const std::array<int, 6> cases[] = {
       // Y, Cb, Cr -> R, G, B
@@ -262,19 +231,6 @@ TEST(ToolDamageTest, DamagesOnlyTheEntropyDataAndKeepsTheMarkers) {
     EXPECT_EQ(changed_bits, count);
     EXPECT_EQ(markerCodes(frame), markerCodes(clean));
   }
-
-  // No junk byte is 0xFF, so the markers, and the count of 0xFF bytes, stay the same.
-  Bytes frame = clean;
-  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 3, &rng), 3);
-  EXPECT_GE(frame.size(), clean.size() + 3);
-  EXPECT_EQ(markerCodes(frame), markerCodes(clean));
-  EXPECT_EQ(std::count(frame.begin(), frame.end(), 0xFF),
-            std::count(clean.begin(), clean.end(), 0xFF));
-  frame = clean;  // asking for more restart markers than there are damages them all
-  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 100, &rng), 7);
-  frame = clean;  // cut off in the middle of the entropy data
-  tool::cutOff(&frame, 0.5);
-  EXPECT_EQ(frame, head(clean, begin + (end - begin) / 2));
 }
 
 }  // namespace
