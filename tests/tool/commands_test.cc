@@ -99,22 +99,15 @@ TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   check({"bench", notes}, 2, {}, {notes + ": not a JPEG, an MJPEG stream or a video file"});
 }
 
-TEST(ToolCommandTest, DecodesCorpusFramesToY4M) {
+TEST(ToolCommandTest, DecodesAnOddSizedFrameToY4M) {
   VIDRA_REQUIRE_CORPUS(corpusFiles("reftest"), "reftest");
   TempDir dir;
   const std::string in = corpusDir() + "/reftest/", out = dir.file("out.y4m");
-  // Odd sizes: the library writes the chroma rounded down, the file holds it rounded up.
-  check({"decode", in + "jpg-size-17x17.jpg", "-o", out, "--turbo"}, 0, {},
+  // The library writes the chroma rounded down, the file holds it rounded up.
+  check({"decode", in + "jpg-size-17x17.jpg", "-o", out, "--turbo", "--fps", "30000:1001"}, 0, {},
         {"jpg-size-17x17.jpg: JPEG file, 1 frames, 17x17", summary("decoded", 1),
          "in the library's TurboJPEG path"},
-        out, {17, 17, 1});
-
-  // Y4M with the given frame rate on stdout, and nothing else: it can be piped into FFmpeg.
-  const ToolRun piped = runTool({"decode", "-", "-o", "-", "--quiet", "--fps", "30000:1001"},
-                                corpusDir() + "/webcam-480p/again-01.jpg");
-  EXPECT_EQ(piped.code, 0) << piped.describe();
-  Y4M{640, 480, 1, "30000:1001"}.expectIn(piped.out);
-  EXPECT_EQ(piped.err, "");
+        out, {17, 17, 1, "30000:1001"});
 }
 
 TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
