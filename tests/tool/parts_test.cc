@@ -1,10 +1,7 @@
-// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes, FIFOs), colour
+// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes), colour
 // conversion, chroma completion, PNG, and the damage the demo does to frames.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <turbojpeg.h>
 #include <unistd.h>
 
@@ -15,7 +12,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -56,21 +52,6 @@ TEST(ToolUsualSizeTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
     EXPECT_EQ(width, test.width);
     EXPECT_EQ(height, test.height);
   }
-}
-
-// What a reader hands out: index, byte offset, size, junk before, cut short of each frame.
-using Cut = std::array<int64_t, 5>;
-
-std::vector<Cut> readCuts(tool::FrameReader* reader, const Bytes& stream) {
-  std::vector<Cut> cuts;
-  for (tool::Frame f; reader->next(&f);) {
-    cuts.push_back({f.index, f.byte_offset, static_cast<int64_t>(f.size),
-                    static_cast<int64_t>(f.junk_before), f.cut_short});
-    EXPECT_TRUE(f.byte_offset >= 0 && f.byte_offset + f.size <= stream.size() &&
-                std::equal(f.data, f.data + f.size, stream.begin() + f.byte_offset))
-        << "frame " << f.index << " isn't the stream's bytes at byte " << f.byte_offset;
-  }
-  return cuts;
 }
 
 // A frame without end from a source that stays open comes out at the frame limit, before the
@@ -117,35 +98,6 @@ TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
   while (reader->nextOrStop(&frame, &error)) ++frames;
   EXPECT_LT(frames, 300);
   EXPECT_TRUE(has(error, file + ": the file shrank while it was read (from ")) << error;
-}
-
-// open() reads a FIFO as a stream while another thread writes it: frames come out as from a file.
-TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
-  signal(SIGPIPE, SIG_IGN);  // a reader that gives up early must not stop the test
-  TempDir dir;
-  const std::string file = dir.file("s.mjpeg"), fifo = dir.file("s.fifo");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
-  for (const Bytes& data : {a, concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk})}) {
-    writeFile(file, data);
-    const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
-    const std::vector<Cut> expected = readCuts(mapped.get(), data);
-    // 1000 bytes every 100 us; the future waits for the writer when it goes.
-    const std::future<void> writer = std::async(std::launch::async, [&] {
-      const int fd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
-      for (size_t at = 0; at < data.size(); at += 1000) {
-        if (::write(fd, data.data() + at, std::min<size_t>(1000, data.size() - at)) <= 0) break;
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-      }
-      ::close(fd);
-    });
-    const std::unique_ptr<tool::FrameReader> stream = tool::FrameReader::open(fifo);
-    EXPECT_EQ(readCuts(stream.get(), data), expected);
-    EXPECT_EQ(stream->trailingJunk(), mapped->trailingJunk());
-    EXPECT_EQ(stream->kind(), mapped->kind());
-  }
 }
 
 TEST(ToolImageTest, ConvertsBT601FullRange) {
