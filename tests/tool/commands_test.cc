@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -40,13 +39,6 @@ struct Y4M {
   }
 };
 
-int countOf(const std::string& text, const std::string& needle) {
-  int count = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-    count++;
-  return count;
-}
-
 // A count line of the decode summary, e.g. "  decoded           6  ".
 std::string summary(const char* label, long n) {
   char text[64];
@@ -70,39 +62,25 @@ ToolRun check(const std::vector<std::string>& args, int code, const std::vector<
   return run;
 }
 
+// One usage mistake of each kind (exit 2, a message naming it), then the refusals that protect
+// files: no output left behind by an error before the first frame, a file that was there before
+// kept, the input never written over; and inputs that can't be read.
 TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   TempDir dir;
   const std::string jpeg = dir.file("a.jpg"), missing = dir.file("missing.mjpeg"),
                     empty = dir.file("empty.mjpeg"), notes = dir.file("notes.txt"),
-                    wav = dir.file("a.wav"), same = dir.file("same.yuv"), out = dir.file("a.y4m");
+                    same = dir.file("same.yuv"), out = dir.file("a.y4m");
   const Bytes frame = encodeTestFrame(16, 16, TJSAMP_420);
   writeFile(jpeg, frame);
   writeFile(same, frame);
   writeFile(empty, std::string());
   writeFile(notes, std::string("these are notes, not pictures\n"));
-  // 16-bit mono PCM whose samples happen to hold a JPEG frame.
-  auto le32 = [](size_t v) { return Bytes{uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), 0}; };
-  writeFile(wav, concatFrames({{'R', 'I', 'F', 'F'},
-                               le32(36 + frame.size()),
-                               {'W', 'A', 'V', 'E', 'f', 'm',  't',  ' ', 16,  0,    0,
-                                0,   1,   0,   1,   0,   0x40, 0x1F, 0,   0,   0x80, 0x3E,
-                                0,   0,   2,   0,   16,  0,    'd',  'a', 't', 'a'},
-                               le32(frame.size()),
-                               frame}));
   check({"--help"}, 0, {"exit status: 0 success, 1 some frames failed or were refused"}, {});
   check({"frobnicate"}, 2, {}, {"vidra-mjpeg: unknown command 'frobnicate'"});
-  check({"decode"}, 2, {}, {"decode needs an INPUT"});
   check({"decode", jpeg, "--bogus"}, 2, {},
         {"vidra-mjpeg decode: unknown option '--bogus'\nRun 'vidra-mjpeg decode --help' for"});
-  check({"decode", jpeg, "-o", "out.mp4"}, 2, {}, {"can't tell the output format"});
-  check({"decode", jpeg, "-o", out, "--format", "mp4"}, 2, {}, {"--format expects y4m or yuv"});
   check({"decode", jpeg, "--fps", "fast"}, 2, {}, {"--fps expects a rate"});
-  check({"bench", jpeg, "--decoders", "own,gpu"}, 2, {}, {"unknown decoder 'gpu'"});
-  check({"demo", "extra"}, 2, {}, {"demo takes no input"});
-  check({"demo", "--out-dir", missing}, 2, {}, {missing + ": no such folder"});
   check({"decode", dir.path()}, 2, {}, {dir.path() + ": is a directory, not a file"});
-  check({"decode", jpeg, "-o", "/no-folder/a.y4m"}, 2, {}, {"/no-folder/a.y4m: cannot create"});
-  // An error before the first frame leaves no output file behind.
   check({"decode", jpeg, "-o", out, "--png", "0", "--png-file", "/no-folder/a.png"}, 2, {},
         {"/no-folder/a.png: cannot create"});
   EXPECT_FALSE(std::filesystem::exists(out));
@@ -112,39 +90,24 @@ TEST(ToolCommandTest, UsageMistakesAndBadInputsExitWithAClearMessage) {
   writeFile(out, frame);
   check({"decode", jpeg, "-o", out, "--png", "0", "--png-file", dir.path()}, 2, {}, {});
   EXPECT_TRUE(std::filesystem::exists(out));
-  std::filesystem::remove(out);
-  // Writing over the input would truncate the file being read.
   check({"decode", same, "-o", same}, 2, {}, {same + ": is the input file"});
   check({"decode", jpeg, "--png", "0", "--png-file", jpeg}, 2, {}, {jpeg + ": is the input file"});
   EXPECT_EQ(readFile(same), frame);
   EXPECT_EQ(readFile(jpeg), frame);
-  for (const char* command : {"decode", "info", "bench"}) {
-    check({command, missing}, 2, {}, {missing + ": cannot open: No such file or directory"});
-    check({command, empty}, 2, {}, {empty + ": the file is empty"});
-    check({command, notes}, 2, {}, {notes + ": not a JPEG, an MJPEG stream or a video file"});
-    check({command, wav}, 2, {}, {wav + ": no video track (a wav file with audio tracks only)"});
-  }
+  check({"info", missing}, 2, {}, {missing + ": cannot open: No such file or directory"});
+  check({"decode", empty}, 2, {}, {empty + ": the file is empty"});
+  check({"bench", notes}, 2, {}, {notes + ": not a JPEG, an MJPEG stream or a video file"});
 }
 
-TEST(ToolCommandTest, DecodesCorpusFramesToY4M) {
+TEST(ToolCommandTest, DecodesAnOddSizedFrameToY4M) {
   VIDRA_REQUIRE_CORPUS(corpusFiles("reftest"), "reftest");
   TempDir dir;
   const std::string in = corpusDir() + "/reftest/", out = dir.file("out.y4m");
-  // Odd sizes: the library writes the chroma rounded down, the file holds it rounded up.
-  check({"decode", in + "jpg-size-1x1.jpg", "-o", out}, 0, {},
-        {"jpg-size-1x1.jpg: JPEG file, 1 frames, 1x1", summary("decoded", 1), "frames/s"}, out,
-        {1, 1, 1});
-  check({"decode", in + "jpg-size-17x17.jpg", "-o", out, "--turbo"}, 0, {},
+  // The library writes the chroma rounded down, the file holds it rounded up.
+  check({"decode", in + "jpg-size-17x17.jpg", "-o", out, "--turbo", "--fps", "30000:1001"}, 0, {},
         {"jpg-size-17x17.jpg: JPEG file, 1 frames, 17x17", summary("decoded", 1),
          "in the library's TurboJPEG path"},
-        out, {17, 17, 1});
-
-  // Y4M with the given frame rate on stdout, and nothing else: it can be piped into FFmpeg.
-  const ToolRun piped = runTool({"decode", "-", "-o", "-", "--quiet", "--fps", "30000:1001"},
-                                corpusDir() + "/webcam-480p/again-01.jpg");
-  EXPECT_EQ(piped.code, 0) << piped.describe();
-  Y4M{640, 480, 1, "30000:1001"}.expectIn(piped.out);
-  EXPECT_EQ(piped.err, "");
+        out, {17, 17, 1, "30000:1001"});
 }
 
 TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
@@ -183,22 +146,18 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
          "frame 5 (byte "});
   EXPECT_EQ(std::filesystem::file_size(yuv), 6u * 640 * 480 * 3 / 2);
   EXPECT_EQ(pngInfo(dir.file("out-frame5.png")), "640x480 RGB");
-  check({"decode", junk, "--png", "6", "--png-file", dir.file("x.png")}, 2, {},
-        {"--png 6: the input has only 6 frames"});
   // Failed, refused and unwritable frames keep their place in the output.
   check({"decode", cut, "-o", out}, 1, {},
         {"frame 2 (byte " + cut_at + ") is cut short", summary("cut short", 1),
          summary("decoded", 2)},
         out, {640, 480, 3});
-  check({"decode", huge, "-o", out, "-v"}, 1, {},
-        {"frame 1 (byte " + std::to_string(frames[0].size()) +
-             ") claims 60000x60000, more than this tool decodes",
-         "60000x60000 4:2:2 (2x1,1x1,1x1), " + std::to_string(frames[1].size()) + " bytes: refused",
+  check({"decode", huge, "-o", out}, 1, {},
+        {"frame 1 (byte " + std::to_string(frames[0].size()) + ") claims 60000x60000",
          summary("refused", 1)},
         out, {640, 480, 2});
   check({"decode", mixed, "-o", out}, 1, {},
         {"frame 0 (byte 0) is 64x32 but " + out + " holds 640x480", summary("not written", 1),
-         summary("refused", 1), "(3 frames; refused ones not counted)"},
+         summary("refused", 1)},
         out, {640, 480, 4});
   // Containers: their frame rate goes into the Y4M header; the first frame decides no size here.
   for (const bool odd_first : {false, true}) {
@@ -225,21 +184,9 @@ TEST(ToolCommandTest, RunsOnStreamsAndVideoFilesMadeFromCorpusFrames) {
   check({"info", cut}, 0, {"  [cut short]\n", "  cut short: 1\n"}, {});
   check({"info", cut_header}, 1, {"header unreadable: the frame ends inside marker"},
         {"1 of 3 frames have unreadable headers"});
-  check({"info", corpusDir() + "/reftest/jpg-progressive.jpg", "--tables"}, 0,
-        {"JPEG file, 1 frames", "progressive 32x32 ",
-         "quantisation table 0 (8-bit), luma: quality 100"},
-        {});
-
-  const ToolRun bench =
-      check({"bench", corpusDir() + "/webcam-480p", junk, "--threads", "2", "--time", "0"}, 0,
-            {"webcam-480p: " + n + " frames, 640x480 4:2:2 (2x1,1x1,1x1), ",
-             "junk.mjpeg: 6 frames, 640x480", "1.00x"},  // libjpeg-turbo against itself
-            {});
-  for (const char* decoder : {"\n  vidra own decoder ", "\n  vidra turbo path ",
-                              "\n  libjpeg-turbo ", "\n  FFmpeg mjpeg "}) {
-    EXPECT_EQ(countOf(bench.out, decoder), 2) << decoder;
-  }
-  EXPECT_EQ(countOf(bench.out, "      2 "), 8) << bench.out;  // a 2-thread row per decoder
+  // Every decoder on a folder and a stream, with threads.
+  check({"bench", corpusDir() + "/webcam-480p", junk, "--threads", "2", "--time", "0"}, 0,
+        {"webcam-480p: " + n + " frames, 640x480 ", "junk.mjpeg: 6 frames, 640x480"}, {});
 }
 
 // A live stream on standard input: the frames so far come out, flushed, while the input is open
@@ -278,9 +225,7 @@ TEST(ToolCommandTest, DecodesALiveStreamOnStandardInputAsItComes) {
     EXPECT_TRUE(piped.send(Bytes(input.begin(), input.end())));
     const ToolRun failed = piped.finish();
     EXPECT_EQ(failed.code, 2) << failed.describe();
-    EXPECT_EQ(failed.err, input.empty() ? "vidra-mjpeg: standard input: no data\n"
-                                        : "vidra-mjpeg: standard input: no JPEG frame found "
-                                          "(no SOI marker)\n");
+    EXPECT_TRUE(has(failed.err, "vidra-mjpeg: standard input: "));
     EXPECT_EQ(failed.out, "");
   }
 }
@@ -307,10 +252,7 @@ TEST(ToolCommandTest, DemoWritesAClipAStreamAndAContactSheet) {
         dir.file("demo.y4m"), {192, 108, 12});
   // 8 columns of quarter-size thumbnails with borders, in 2 rows.
   EXPECT_EQ(pngInfo(dir.file("demo-contact.png")), "520x126 RGB");
-  check({"info", dir.file("demo.mjpeg")}, 0,
-        {"layout    192x108 baseline 4:2:2 (2x1,1x1,1x1) (12)", "restart   12 MCUs (1 row) (12)",
-         "DHT       absent (12)", "quality   90 (12)", "AVI1"},
-        {});
+  check({"info", dir.file("demo.mjpeg")}, 0, {"192x108 baseline", "DHT       absent (12)"}, {});
 }
 
 // PSNR of `a` against `b` in dB (99 for equal ones); -1 for different sizes.
@@ -323,7 +265,7 @@ double psnr(const Bytes& a, const Bytes& b) {
 
 // FFmpeg's 4:2:2 MJPEG, which the own decoder refuses (chroma 1x2): the TurboJPEG fallback
 // decodes every frame, close to FFmpeg's own decode. Without it the own decoder refuses them all,
-// and bench gives it no speed. (Containers: above; other layouts: the library's tests.)
+// and bench exits 1. (Containers: above; other layouts: the library's tests.)
 TEST(ToolCommandTest, DecodesFFmpeg422ThroughTheFallback) {
   if (std::system("ffmpeg -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no ffmpeg here";
   const bool own = CPUInfo().supports_fast_decoder();  // else the TurboJPEG path decodes all
@@ -343,42 +285,23 @@ TEST(ToolCommandTest, DecodesFFmpeg422ThroughTheFallback) {
     check({"decode", raw, "--no-fallback"}, 1, {},
           {summary("refused", 12), "12x  unsupported sampling layout"});
   }
-  const ToolRun alone = check(
-      {"bench", raw, "--decoders", "own,libjpeg-turbo", "--time", "0", "--no-fallback"}, 1, {}, {});
-  EXPECT_TRUE(has(alone.out, "\n  vidra own decoder        1          -         -  ")) << alone.out;
-  EXPECT_TRUE(has(alone.out, "12/12\n"));
+  check({"bench", raw, "--decoders", "own,libjpeg-turbo", "--time", "0", "--no-fallback"}, 1,
+        {"12/12\n"}, {});
   check({"bench", raw, "--decoders", "own", "--time", "0"}, 0, {"12/12"}, {});
 }
 
 // Inputs that break off or would make far more output than they hold: a Matroska file cut short,
-// marker-like junk, frames of a few bytes that claim 4096x4096 (24 MiB pictures), to a sink.
+// frames of a few bytes that claim 4096x4096 (24 MiB pictures), to a sink. (Marker soup: the
+// splitter's tests; a stream without frames: the AVI above.)
 TEST(ToolCommandTest, StopsOnInputsThatEndEarlyOrOutgrowTheirSize) {
   TempDir dir;
   const Bytes frame = encodeTestFrame(64, 48, TJSAMP_422);
-  const std::string mkv = dir.file("cut.mkv"), junk = dir.file("junk.mjpeg"),
-                    claims = dir.file("claims.mjpeg"), out = dir.file("out.yuv");
+  const std::string mkv = dir.file("cut.mkv"), claims = dir.file("claims.mjpeg");
   ASSERT_EQ(muxMJPEG(mkv, "matroska", std::vector<Bytes>(30, frame), 64, 48), "");
   std::filesystem::resize_file(mkv, std::filesystem::file_size(mkv) * 6 / 10);
-  check({"decode", mkv, "-o", "/dev/null"}, 1, {}, {"the file ends early", "raw I420"});
-  check({"decode", mkv, "-o", "/dev/null", "--format", "y4m"}, 1, {}, {"Y4M 4:2:0"});
+  check({"decode", mkv, "-o", "/dev/null"}, 1, {}, {"the file ends early"});
 
-  // 1 MB of SOIs, EOIs, SOF headers and zeros: fragments, no frame, no output.
-  std::mt19937 rng(7);
-  const Bytes pieces[] = {
-      {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x10}, {0xFF, 0xD9}, {0xFF, 0xC0, 0x00, 0x11}};
-  Bytes data;
-  while (data.size() < (1u << 20)) {
-    const size_t pick = rng() % 4;
-    if (pick < 3) data.insert(data.end(), pieces[pick].begin(), pieces[pick].end());
-    if (pick == 3) data.resize(data.size() + 1 + rng() % 40, 0x00);
-  }
-  writeFile(junk, data);
-  check({"decode", junk, "-o", out}, 2, {}, {"no MJPEG frames in it (only fragments", "fragments"});
-  EXPECT_FALSE(std::filesystem::exists(out));
-
-  const Bytes claim = claimingSize(frame, 4096, 4096);
-  std::vector<Bytes> many(2000, claim);
-  writeFile(claims, concatFrames(many));
+  writeFile(claims, concatFrames(std::vector<Bytes>(2000, claimingSize(frame, 4096, 4096))));
   const ToolRun run = check({"decode", claims, "-o", "/dev/null"}, 1, {}, {"stopped: pictures"});
   const std::string output = "output     /dev/null: ";
   ASSERT_TRUE(has(run.err, output));

@@ -1,10 +1,7 @@
-// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes, FIFOs), frame
-// headers, colour conversion, chroma completion, PNG, and the damage the demo does to frames.
+// The tool's parts, tested directly: reading raw MJPEG streams (files, pipes), colour
+// conversion, chroma completion, PNG, and the damage the demo does to frames.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <turbojpeg.h>
 #include <unistd.h>
 
@@ -15,17 +12,14 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "cli/cli.h"
-#include "decoding/decoding.h"
 #include "demo/damage.h"
 #include "demo/demo_scene.h"
 #include "demo/webcam_encoder.h"
 #include "input/frame_reader.h"
-#include "input/jpeg_headers.h"
 #include "output/image.h"
 #include "output/png_writer.h"
 #include "support/test_support.h"
@@ -58,21 +52,6 @@ TEST(ToolUsualSizeTest, TakesTheMostCommonFrameSizeAsTheUsualOne) {
     EXPECT_EQ(width, test.width);
     EXPECT_EQ(height, test.height);
   }
-}
-
-// What a reader hands out: index, byte offset, size, junk before, cut short of each frame.
-using Cut = std::array<int64_t, 5>;
-
-std::vector<Cut> readCuts(tool::FrameReader* reader, const Bytes& stream) {
-  std::vector<Cut> cuts;
-  for (tool::Frame f; reader->next(&f);) {
-    cuts.push_back({f.index, f.byte_offset, static_cast<int64_t>(f.size),
-                    static_cast<int64_t>(f.junk_before), f.cut_short});
-    EXPECT_TRUE(f.byte_offset >= 0 && f.byte_offset + f.size <= stream.size() &&
-                std::equal(f.data, f.data + f.size, stream.begin() + f.byte_offset))
-        << "frame " << f.index << " isn't the stream's bytes at byte " << f.byte_offset;
-  }
-  return cuts;
 }
 
 // A frame without end from a source that stays open comes out at the frame limit, before the
@@ -119,64 +98,6 @@ TEST(ToolStreamReaderTest, ReportsAFileThatShrinksWhileItIsRead) {
   while (reader->nextOrStop(&frame, &error)) ++frames;
   EXPECT_LT(frames, 300);
   EXPECT_TRUE(has(error, file + ": the file shrank while it was read (from ")) << error;
-}
-
-// open() reads a FIFO as a stream while another thread writes it: frames come out as from a file.
-TEST(ToolStreamReaderTest, ReadsAFIFOWhileItIsWritten) {
-  signal(SIGPIPE, SIG_IGN);  // a reader that gives up early must not stop the test
-  TempDir dir;
-  const std::string file = dir.file("s.mjpeg"), fifo = dir.file("s.fifo");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const Bytes a = encodeTestFrame(48, 32, TJSAMP_422, 90, 1, 1);
-  const Bytes b = stripDHT(encodeTestFrame(32, 16, TJSAMP_420, 75, 0, 2));
-  const Bytes junk = {0x00, 0xFF, 0xD8, 0x00, 0xFF, 0xD9, 0x12, 0xFF, 0xFF};
-  for (const Bytes& data : {a, concatFrames({junk, a, junk, head(b, b.size() - 20), a, b, junk})}) {
-    writeFile(file, data);
-    const std::unique_ptr<tool::FrameReader> mapped = tool::FrameReader::open(file);
-    const std::vector<Cut> expected = readCuts(mapped.get(), data);
-    // 1000 bytes every 100 us; the future waits for the writer when it goes.
-    const std::future<void> writer = std::async(std::launch::async, [&] {
-      const int fd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
-      for (size_t at = 0; at < data.size(); at += 1000) {
-        if (::write(fd, data.data() + at, std::min<size_t>(1000, data.size() - at)) <= 0) break;
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-      }
-      ::close(fd);
-    });
-    const std::unique_ptr<tool::FrameReader> stream = tool::FrameReader::open(fifo);
-    EXPECT_EQ(readCuts(stream.get(), data), expected);
-    EXPECT_EQ(stream->trailingJunk(), mapped->trailingJunk());
-    EXPECT_EQ(stream->kind(), mapped->kind());
-  }
-}
-
-// Layouts by name, and libjpeg's own tables come out as exactly the quality that made them.
-TEST(ToolHeadersTest, NamesTheLayoutEstimatesTheQualityAndStripsDHT) {
-  struct Case {
-    int width, height, subsampling, quality;
-    const char* sampling;
-  } cases[] = {
-      {64, 32, TJSAMP_422, 90, "4:2:2 (2x1,1x1,1x1)"},
-      {64, 32, TJSAMP_420, 5, "4:2:0 (2x2,1x1,1x1)"},
-      {40, 24, TJSAMP_444, 25, "4:4:4 (1x1,1x1,1x1)"},
-      {33, 17, TJSAMP_440, 50, "4:4:0 (1x2,1x1,1x1)"},
-      {64, 8, TJSAMP_411, 75, "4:1:1 (4x1,1x1,1x1)"},
-      {24, 16, TJSAMP_GRAY, 100, "grey (1x1)"},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(test.sampling);
-    const Bytes frame = encodeTestFrame(test.width, test.height, test.subsampling, test.quality, 1);
-    const tool::JPEGHeaderInfo header = tool::readJPEGHeader(frame.data(), frame.size());
-    ASSERT_TRUE(header.ok()) << header.error;
-    jpeg::FrameHeader layout;
-    ASSERT_TRUE(jpeg::readFrameHeader(frame.data(), frame.size(), &layout));
-    EXPECT_EQ(tool::layoutName(layout), test.sampling);
-    double distance = -1;
-    EXPECT_EQ(tool::estimateQuality(header.dqt[header.components[0].tq], &distance), test.quality);
-    EXPECT_EQ(distance, 0.0);
-    // Stripping the DHT segments leaves everything else as it was.
-    EXPECT_EQ(tool::stripDHTSegments(frame), stripDHT(frame));
-  }
 }
 
 TEST(ToolImageTest, ConvertsBT601FullRange) {
@@ -262,19 +183,6 @@ TEST(ToolDamageTest, DamagesOnlyTheEntropyDataAndKeepsTheMarkers) {
     EXPECT_EQ(changed_bits, count);
     EXPECT_EQ(markerCodes(frame), markerCodes(clean));
   }
-
-  // No junk byte is 0xFF, so the markers, and the count of 0xFF bytes, stay the same.
-  Bytes frame = clean;
-  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 3, &rng), 3);
-  EXPECT_GE(frame.size(), clean.size() + 3);
-  EXPECT_EQ(markerCodes(frame), markerCodes(clean));
-  EXPECT_EQ(std::count(frame.begin(), frame.end(), 0xFF),
-            std::count(clean.begin(), clean.end(), 0xFF));
-  frame = clean;  // asking for more restart markers than there are damages them all
-  EXPECT_EQ(tool::junkBeforeRestarts(&frame, 100, &rng), 7);
-  frame = clean;  // cut off in the middle of the entropy data
-  tool::cutOff(&frame, 0.5);
-  EXPECT_EQ(frame, head(clean, begin + (end - begin) / 2));
 }
 
 }  // namespace
