@@ -183,7 +183,6 @@ TEST(FixBadMCUs, RunsInsideTheGridAreInterpolated) {
   std::vector<Region> regions;
   for (int x = 0; x < 40; ++x) regions = run420(x, 10, x < 20 ? 11 : 10, kInterpolate, regions);
   expectRepair("SpanOfOneAndAHalfRows", 40, 30, k420, {{10 * 40, 60}}, regions);
-  expectRepair("NoBadMCU", 40, 30, k420, {{5, 0}}, {});
 }
 
 TEST(FixBadMCUs, RunsAtTheEdgesAreCopiedOrGrey) {

@@ -173,7 +173,6 @@ TEST_F(KernelTest, BlockCases) {
   // clang-format off
   const struct { const char* name; Bits bits; Values values; unsigned position_mask, last_position;
                  int next_dc; int ac_table = 0; } cases[] = {
-      {"0x28: DC 00, EOB", Bits().put(0x28 >> 2, 6).dc(1).eob(), {}, 0, 0, 1},
       {"0x52 0x2B", Bits().put(0x522B >> 2, 14).dc(1).eob(), {{0, 1}, {1, 1}, {8, -1}}, 9, 2, 1},
       {"0x3F 0xCD 0x7F: DC 00, ZRL, EOB", Bits().put(0x3FCD7F >> 7, 17).dc(1).eob(), {}, 12, 16, 1},
       {"zigzag 4", Bits().dc(-3).ac(3, 5).eob().dc(1).eob(), {{0, -3}, {9, 520}}, 9, 4, 1},
