@@ -152,10 +152,8 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
   const std::pair<Bytes, Checks> cases[] = {
       {{}, {soi}},
       {kEOI, {soi}},
-      {{0xD8, 0xFF, 0xD8}, {soi}},
       {kSOI, {next}},
       {kSOI + Bytes{0xFF}, {"input.getUint8(&marker)"}},
-      {kSOI + tables + header, {next}},                          // ends before any SOS
       {kSOI + tables + Bytes{0x00} + header, {next}},            // no garbage skipped
       {kSOI + Bytes{0xFF, 0x00}, {"Unhandled JPEG marker 00"}},  // two digits
       {kSOI + segment(0xDF, {}), {"Unhandled JPEG marker df"}},  // just outside APPn
@@ -173,12 +171,10 @@ TEST(MarkerLoopTest, FramesThatFailBeforeTheScan) {
       at(0xC0, withLength(sof0(16, 16, {{1, 1, 1, 0}, {16, 1, 1, 0}})),
          "component_id < kMaxComponents"),
       at(0xDB, Bytes{0x00, 0x44} + dqt(0), "input->getLength16(&len)"),  // past the end
-      at(0xDB, Bytes{0x00, 0x02} + kEOI, short_check),                   // no table, bytes behind
       at(0xDB, {0x00, 0x02}, "input->getUint8(&header)"),                // no table at the end
       at(0xDB, withLength(dqt(0, Bytes(63, 1))) + kEOI, short_check),
       at(0xDB, withLength(dqt(0x10, Bytes(128, 1))), header_check),  // 16-bit steps
       at(0xDB, withLength(dqt(0x04)), header_check),
-      at(0xDB, withLength(dqt(0x14, Bytes(10, 1))), short_check),  // the length comes first
   };
   const test::Planes fresh(16, 16);
   for (const auto& c : cases) {
@@ -225,13 +221,14 @@ TEST(MarkerLoopTest, SegmentsInAnyOrderUpToTheScan) {
             "7 DHT Marker.\n7   DHT dc th=0\n7   DHT dc th=1\n7   DHT ac th=0\n7   DHT ac th=1\n"
             "7 Marker ignored.\n7 SOS Marker at 264.\n7 Read 0 bytes of entropy data.\n");
   EXPECT_EQ(decoder.restart_interval_, 65285);
-  EXPECT_EQ(decoder.mcu_blocks_.size(), 6u);
   EXPECT_EQ(std::count(decoder.channels_[4].image_, decoder.channels_[4].image_ + 64, 0x80), 64);
 }
 
 // The default tables are loaded exactly when no DHT segment came, whatever insert_dht says; one
-// of length 2, which defines nothing, rules them out all the same. The loop stops at the first
-// SOS: a DHT segment redefining DC table 0 and a second scan, behind the first, change nothing.
+// of length 2, which defines nothing, rules them out all the same. They are the tables of ITU T.81
+// K.3 to K.6, which libjpeg writes into every frame it encodes without optimised tables. The loop
+// stops at the first SOS: a DHT segment redefining DC table 0 and a second scan, behind the first,
+// change nothing.
 TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
   const Bytes own = test::encodeTestFrame(64, 48, TJSAMP_420);
   const Bytes none = test::stripDHT(own);
@@ -243,6 +240,7 @@ TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
   prepare(&defaults, {});
   test::Planes expected(64, 48);
   ASSERT_TRUE(decompress(&reference, own, &expected));
+  EXPECT_TRUE(sameTables(reference, defaults));
   const std::pair<const Bytes*, const SimpleJPEGDecoder*> cases[] = {
       {&own, &reference}, {&none, &defaults}, {&empty, &nothing}, {&later, &reference}};
   for (const auto& c : cases) {
@@ -263,25 +261,13 @@ TEST(MarkerLoopTest, HuffmanTablesUpToTheFirstScan) {
 
 // ---- Frame header ---------------------------------------------------------------------------
 
-// Nf 0: the header line comes before the check that refuses it.
-TEST(FrameHeaderTest, HeaderLineBeforeTheRefusal) {
-  SimpleJPEGDecoder decoder;
-  LogCapture capture(/*mjpeg_level=*/7);
-  EXPECT_FALSE(parse(&decoder, kSOF0, withLength(sof0(33, 17, {}, 12))));
-  EXPECT_EQ(capture.texts(7, "mjpeg"),
-            (Checks{"SOF0 Marker.", "  Header 33x17@12 num components:0"}));
-}
-
 // Headers that pass, the grid they give and the planes that allocateImages makes of it.
 TEST(FrameHeaderTest, AcceptedHeadersAndTheirGrid) {
   // Width and height, components, MCUs across and down, stride x height of each plane in order.
   const std::tuple<int, int, Comps, int, int, std::vector<std::pair<int, int>>> cases[] = {
       {1920, 1080, k420, 120, 68, {{1920, 1088}, {960, 544}, {960, 544}}},
-      {1280, 720, k422, 80, 90, {{1280, 720}, {640, 720}, {640, 720}}},
       {100, 75, k444, 13, 10, {{104, 80}, {104, 80}, {104, 80}}},
-      {17, 17, k420, 2, 2, {{32, 32}, {16, 16}, {16, 16}}},
       {0, 480, k420, 0, 30, {{0, 480}, {0, 240}, {0, 240}}},
-      {64, 0, k420, 4, 0, {{64, 0}, {32, 0}, {32, 0}}},
       {32, 32, {{1, 2, 2, 0}, {2, 2, 2, 0}, {3, 1, 2, 0}}, 2, 2, {{32, 32}, {32, 32}, {16, 32}}},
       {160, 8, {{1, 10, 1, 0}}, 2, 1, {{160, 8}}},                       // nb limits the sum
       {16, 16, {{1, 1, 1, 0}, {2, 0, 3, 0}}, 2, 1, {{16, 8}, {0, 24}}},  // a factor of 0
@@ -298,8 +284,6 @@ TEST(FrameHeaderTest, AcceptedHeadersAndTheirGrid) {
       const Channel& channel = decoder.channels_[comp.id];
       EXPECT_EQ(channel.stride_, planes[i].first) << "slot " << comp.id;
       EXPECT_EQ(channel.height_, planes[i].second) << "slot " << comp.id;
-      EXPECT_EQ(channel.mcu_width_, comp.h * 8);
-      EXPECT_EQ(channel.mcu_row_size_, channel.stride_ * 8 * comp.v);
     }
     // Named slots only get planes.
     EXPECT_EQ(std::count_if(decoder.channels_, decoder.channels_ + kMaxComponents,
@@ -342,8 +326,9 @@ TEST(QuantizationTest, StepsAreScaledInZigzagOrder) {
 
 // ---- Scan header ----------------------------------------------------------------------------
 
-// Blocks in stream order, each with its tables, plane and steps; td and ta differ per component.
-// (The plane's MCU steps: the frame header's test; the walk over the grid: the kernel's.)
+// Blocks in stream order, each with its quantisation and Huffman tables; td and ta differ per
+// component, as an encoder's 0x00 and 0x11 would not show them swapped. (Where a block lands in
+// its plane shows in every decoded frame; the walk over the grid: the kernel's test.)
 TEST(ScanHeaderTest, BlockOrderAndRecords) {
   const std::pair<Comps, std::string> cases[] = {
       {k420, "100 110 101 111 200 300"}, {k422, "100 110 200 300"}, {k444, "100 200 300"}};
@@ -355,14 +340,10 @@ TEST(ScanHeaderTest, BlockOrderAndRecords) {
     ASSERT_TRUE(parse(&decoder, kSOS, sos({{1, tables[1]}, {2, tables[2]}, {3, tables[3]}})));
     EXPECT_EQ(blocksOf(decoder), c.second);
     for (const MCUBlock& b : decoder.mcu_blocks_) {
-      const Channel& channel = decoder.channels_[b.component_];
       const int t = tables[b.component_];
       EXPECT_EQ(b.quant_table_, decoder.quantization_tables_[b.component_ == 1 ? 0 : 1].values_);
       EXPECT_EQ(b.dc_table_, decoder.dc_huffman_tables_[t >> 4]->entries_.data());
       EXPECT_EQ(b.ac_table_, decoder.ac_huffman_tables_[t & 15]->entries_.data());
-      EXPECT_EQ(b.image_, channel.image_ + b.y_ * 8 * channel.stride_ + b.x_ * 8);
-      EXPECT_EQ(std::make_tuple(b.stride_, b.mcu_width_, b.mcu_row_size_),
-                std::make_tuple(channel.stride_, channel.mcu_width_, channel.mcu_row_size_));
     }
   }
 }
@@ -391,16 +372,13 @@ TEST(ScanHeaderTest, RefusalsAndOddScans) {
       {k420, {0x00, 0x08, 1, 1, 0, 0, 63}, "input->getLength16(&len)", "", 16},
       {k420, {0x00, 0x05, 1, 1, 0}, "len >= 4", "", 16},
       {k420, ns_two, ns, "", 16},
-      {k420, sos(kScan3 + two), ns, "", 16},         // ns 5
-      {k420, sos({{1, 0x44}}), "td < 4", "", 16},    // td before ta
-      {k420, sos({{200, 0x40}}), "td < 4", "", 16},  // td and ta before cs
+      {k420, sos(kScan3 + two), ns, "", 16},  // ns 5
       {k420, sos({{1, 0x04}}), "ta < 4", "", 16},
       {k420, sos({{16, 0x00}}), "cs < kMaxComponents", "", 16},
       {k420, sos({{1, 0}, {5, 0}}), not_named, luma, 16},  // earlier pairs' blocks stay
       {{}, sos({{1, 0}}), not_named, "", 16},              // no frame header
       {{{1, 1, 1, 0}, {9, 1, 1, 0}}, sos({{1, 0}, {9, 0}}), "cs < 8", "100", 16},
       {{{1, 1, 1, 0}, {2, 1, 1, 4}}, sos(two), "comp.tq_ < 4", "100", 16},
-      {{{1, 1, 1, 2}, {2, 1, 1, 0}}, sos(two), no_dqt, "", 16},  // table 2 never defined
       {{{1, 1, 1, 0}, {2, 1, 1, 3}}, sos(two), no_dqt, "100", 16},
       {k420, sos(kScan3, 1), c0, all, 16},
       {k420, sos(kScan3, 0, 0), "input->consumeUint8(63)", all, 16},
