@@ -1,13 +1,15 @@
 // Harness that proves every vector routine identical to its scalar twin: each checkasm_<area>.cc
 // builds inputs (random and edge cases), runs the table's scalar and vector entries on copies and
 // compares the outputs byte for byte, skipping where the processor (or VIDRA_CPU_MASK) allows no
-// vector forms. Speed is measured in bench/decode_bench (the scalar forms: VIDRA_CPU_MASK=nosimd).
+// vector forms. VIDRA_CHECKASM_BENCH=1 also prints the time per call of both forms.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -54,9 +56,11 @@ inline uint32_t baseSeed() {
 
 inline std::mt19937& rng() {
   static std::mt19937 generator;
+  static bool seeded = false;
   static const ::testing::TestInfo* seeded_for = nullptr;
   const ::testing::TestInfo* current = ::testing::UnitTest::GetInstance()->current_test_info();
-  if (current != seeded_for) {
+  if (!seeded || current != seeded_for) {
+    seeded = true;
     seeded_for = current;
     uint32_t seed = baseSeed();
     if (current != nullptr) {
@@ -113,6 +117,26 @@ inline long firstDifference(const std::vector<uint8_t>& a, const std::vector<uin
   const size_t n = std::min(a.size(), b.size());
   const long at = std::mismatch(a.begin(), a.begin() + n, b.begin()).first - a.begin();
   return at == static_cast<long>(n) && a.size() == b.size() ? -1 : at;
+}
+
+inline bool benchRequested() {
+  const char* value = std::getenv("VIDRA_CHECKASM_BENCH");
+  return value != nullptr && value[0] == '1';
+}
+
+// Prints the time per call of `scalar` and `vector` when VIDRA_CHECKASM_BENCH=1.
+template <typename Scalar, typename Vector>
+void benchPair(const char* name, Scalar&& scalar, Vector&& vector, int iterations = 20000) {
+  if (!benchRequested()) return;
+  auto time = [iterations](auto&& fn) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < iterations; ++i) fn();
+    const auto end = std::chrono::steady_clock::now();
+    return std::chrono::duration<double, std::nano>(end - start).count() / iterations;
+  };
+  const double c = time(scalar);
+  const double v = time(vector);
+  std::printf("checkasm %-28s scalar %9.1f ns  vector %9.1f ns  x%.2f\n", name, c, v, c / v);
 }
 
 }  // namespace checkasm

@@ -39,6 +39,12 @@ TEST(Checkasm_conceal, InterpolateRange16) {
       compareForms(h, 20, top, bottom);
     }
   }
+  const std::vector<uint8_t> top = randomBytes(16), bottom = randomBytes(16);
+  GuardedPlane out(16, 272, 64);
+  benchPair(
+      "interpolateRange16 h=272",
+      [&] { tables().scalar.interpolateRange16(out.data(), 272, 64, top.data(), bottom.data()); },
+      [&] { tables().vector.interpolateRange16(out.data(), 272, 64, top.data(), bottom.data()); });
 }
 
 }  // namespace

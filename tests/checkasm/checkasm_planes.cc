@@ -1,5 +1,7 @@
 // Vector forms of the box resamplers against their scalar twins.
 
+#include <string>
+
 #include "checkasm/checkasm.h"
 
 namespace vidra {
@@ -58,6 +60,15 @@ TEST(Checkasm_planes, Resample) {
       compare(kind, width, 9, 0, 0, 0, 0);
       compare(kind, width, 5, 64, 7, 3, 9, true);
     }
+    // The chroma of a 1920x1080 frame: 960x540 results.
+    const int src_stride = kind == Kind::k444 ? 1920 : 960;
+    const std::vector<uint8_t> src = tightPlane(src_stride, 1080, src_stride);
+    std::vector<uint8_t> dst(960 * 540);
+    const auto run = [&](const jpeg::DSPFunctions& table) {
+      formOf(table, kind)(src.data(), src_stride, dst.data(), 960, 960, 540);
+    };
+    benchPair((std::string("resample") + nameOf(kind) + " 960x540").c_str(),
+              [&] { run(tables().scalar); }, [&] { run(tables().vector); }, 200);
   }
 }
 

@@ -69,6 +69,12 @@ TEST(Checkasm_reconstruct, Paths) {
     ASSERT_EQ(vector.firstChangeOutside(), -1);
     ASSERT_EQ(scalar.firstChangeOutside(), -1);
   }
+  const Block block = randomBlock(kSmall, 63);
+  uint8_t plane[8 * 64];
+  benchPair(
+      "reconstructBlock full",
+      [&] { tables().scalar.reconstructBlock(block.values, 0x3F, 63, plane, 64); },
+      [&] { tables().vector.reconstructBlock(block.values, 0x3F, 63, plane, 64); });
 }
 
 // Random entropy data decoded by both kernel forms over the same guarded planes (a 2x1 luma and
